@@ -1,0 +1,1 @@
+#include "log/zenk_log.h"

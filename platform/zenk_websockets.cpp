@@ -1,0 +1,1 @@
+#include "platform/zenk_websockets.h"

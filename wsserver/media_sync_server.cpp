@@ -1,0 +1,1 @@
+#include "wsserver/media_sync_server.h"

@@ -1,0 +1,1 @@
+#include "wsserver/wall_clock.h"

@@ -1,0 +1,1 @@
+#include "wsserver/websocket_service.h"
