@@ -1,0 +1,309 @@
+#include "platform/ws_connection.h"
+
+#include <libwebsockets.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/ws_context.h"
+#include "platform/ws_limits.h"
+
+namespace zenk_ws {
+
+Connection::Connection(Context& context, ::lws* wsi, std::uint64_t serial)
+    : m_context(context), m_wsi(wsi), m_serial(serial), m_queue(context.pool()) {
+}
+
+// ---------------------------------------------------------------- events
+
+void Connection::onEstablished() {
+    m_isAnnounced = true;
+    onHeard();
+    m_context.setPhase(*this, Phase::Open);
+}
+
+void Connection::onHeard() {
+    m_heardAt = m_context.now();
+    m_isPingOut = false;
+}
+
+bool Connection::onReceive(std::span<const std::uint8_t> piece) {
+    onHeard();
+    if (m_isCloseStarted || m_isBroken || m_isDead) return false;
+    if (!m_isMessageBegun) {
+        m_utf8 = Utf8Checker();
+        m_isMessageBegun = true;
+    }
+    const bool isGood = ::lws_frame_is_binary(m_wsi) != 0 || checkText(piece);
+    if (::lws_is_final_fragment(m_wsi) != 0) m_isMessageBegun = false;
+    if (isGood) return true;
+    m_isBroken = true;
+    startClose(LWS_CLOSE_STATUS_INVALID_PAYLOAD);
+    return false;
+}
+
+bool Connection::checkText(std::span<const std::uint8_t> piece) {
+    if (!m_utf8.feed(piece)) return false;
+    return ::lws_is_final_fragment(m_wsi) == 0 || m_utf8.isComplete();
+}
+
+int Connection::onWriteable() {
+    constexpr int kSendCloseFrame = -1;
+    if (m_isCloseStarted || m_isDead) return 0;  // libwebsockets comes once more when the close frame is out
+    if (!pump() || phase() != Phase::Closing) return 0;
+    m_isCloseStarted = true;
+    m_progressAt = m_context.now();
+    ::lws_close_reason(m_wsi, static_cast<lws_close_status>(m_closeStatus), nullptr, 0);
+    return kSendCloseFrame;
+}
+
+void Connection::onPeerClose() {
+    pump();  // whole frames that were written before the peer's close came are still welcome
+    m_isCloseStarted = true;
+    m_progressAt = m_context.now();
+    m_context.setPhase(*this, Phase::Ended);
+    m_queue.clear();
+    releaseSenders();
+    leaveHolders();
+}
+
+void Connection::onGone() {
+    m_isCloseStarted = true;
+    m_isDead = true;
+    m_isAnnounced = false;
+    m_context.setPhase(*this, Phase::Ended);
+    m_queue.clear();
+    m_inLibrary = 0;
+    releaseSenders();
+    leaveHolders();
+}
+
+// ---------------------------------------------------------------- sending
+
+void Connection::write(std::span<const std::uint8_t> payload, int type, Connection* sender) {
+    const FrameHeader header = makeFrameHeader(payload.size(), type);
+    const std::size_t frameBytes = header.size + payload.size();
+    if (frameBytes >= limits().earlyFlushBytes && writeInPlace(header, payload, sender)) {
+        limitBacklog(sender);
+        return;
+    }
+    m_queue.append(header, payload, limits().earlyFlushBytes);
+    m_context.flushLater(*this);
+    if (m_queue.bytes() >= limits().earlyFlushBytes && m_inLibrary == 0) m_context.flushThrough(*this);
+    limitBacklog(sender);
+}
+
+/// Sends a large message from the sender's record, without a copy: the few bytes in front of it are lent for the
+/// header.
+bool Connection::writeInPlace(const FrameHeader& header, std::span<const std::uint8_t> payload,
+                              const Connection* sender) {
+    if (sender == nullptr || m_isDead) return false;
+    std::uint8_t* const frame = const_cast<std::uint8_t*>(payload.data()) - header.size;
+    const std::size_t frameBytes = header.size + payload.size();
+    if (!sender->m_record.holds(frame, frameBytes)) return false;
+    m_context.flushThrough(*this);
+    if (!m_queue.isEmpty() || ::lws_partial_buffered(m_wsi) != 0) return false;
+
+    std::uint8_t lent[FrameHeader::kMaxBytes];
+    std::memcpy(lent, frame, header.size);
+    std::memcpy(frame, header.bytes, header.size);
+    sendRaw({frame, frameBytes});
+    std::memcpy(frame, lent, header.size);
+    return true;
+}
+
+/// Hands whole frames to libwebsockets, which keeps what the kernel does not take.
+bool Connection::sendRaw(std::span<std::uint8_t> bytes) {
+    m_progressAt = m_context.now();
+    if (::lws_write(m_wsi, bytes.data(), bytes.size(), LWS_WRITE_RAW) < 0) {
+        kill();
+        return false;
+    }
+    m_inLibrary = ::lws_partial_buffered(m_wsi) != 0 ? bytes.size() : 0;
+    if (m_inLibrary != 0) m_context.watch(*this);
+    return true;
+}
+
+bool Connection::pump() {
+    std::size_t turn = limits().turnBytes;
+    // Never more than one raw write into what libwebsockets holds: a second one would corrupt the stream.
+    while (!m_isDead && ::lws_partial_buffered(m_wsi) == 0) {
+        m_inLibrary = 0;
+        if (backlog() < limits().lowWaterBytes) releaseSenders();
+        if (m_queue.isEmpty()) return true;
+        if (turn == 0) {
+            ::lws_callback_on_writable(m_wsi);
+            return false;
+        }
+        const std::span<std::uint8_t> bytes = m_queue.front();
+        turn -= std::min(turn, bytes.size());
+        if (!sendRaw(bytes)) return false;
+        m_queue.popFront();
+    }
+    return false;  // libwebsockets raises a writeable event when it has sent its rest
+}
+
+std::size_t Connection::backlog() const {
+    return m_queue.bytes() + m_inLibrary;
+}
+
+void Connection::limitBacklog(Connection* sender) {
+    const Limits& limit = limits();
+    if (sender != nullptr) {
+        const std::size_t mark = sender->m_hasPeerFinished ? limit.finishedSenderBytes : limit.highWaterBytes;
+        if (backlog() > mark) holdSender(*sender);
+        return;
+    }
+    if (backlog() <= limit.hostWriteBytes || m_isDead) return;
+    _lws_log(kLogError, "cutting a client that does not read: %zu bytes wait for it\n", backlog());
+    m_queue.clear();
+    kill();
+}
+
+// ---------------------------------------------------------------- back-pressure
+
+void Connection::holdSender(Connection& sender) {
+    if (std::find(m_heldSenders.begin(), m_heldSenders.end(), &sender) != m_heldSenders.end()) return;
+    m_heldSenders.push_back(&sender);
+    sender.m_holders.push_back(this);
+    sender.applyReading();
+}
+
+void Connection::releaseSenders() {
+    std::vector<Connection*> senders;
+    senders.swap(m_heldSenders);
+    for (Connection* const sender : senders) {
+        std::erase(sender->m_holders, this);
+        sender->applyReading();
+    }
+}
+
+void Connection::leaveHolders() {
+    for (Connection* const holder : m_holders) std::erase(holder->m_heldSenders, this);
+    m_holders.clear();
+    applyReading();
+}
+
+void Connection::setCallerHold(bool isHeld) {
+    m_isCallerHold = isHeld;
+    applyReading();
+}
+
+void Connection::applyReading() {
+    // A connection that is to be closed is read, or the peer's answer would never be seen.
+    const bool isWanted = phase() != Phase::Open || (!m_isCallerHold && m_holders.empty());
+    if (isWanted == m_isReading || m_isDead) return;
+    m_isReading = isWanted;
+    m_heardAt = m_context.now();  // its silence so far was ours
+    if (::lws_rx_flow_control(m_wsi, isWanted ? 1 : 0) < 0) {
+        kill();
+        return;
+    }
+    if (!isWanted) m_context.watch(*this);
+}
+
+/// The loop sees nothing of a connection that is not read, not even a reset.
+void Connection::checkStoppedPeer() {
+    pollfd peer{::lws_get_socket_fd(m_wsi), POLLRDHUP, 0};
+    if (::poll(&peer, 1, 0) <= 0) return;
+    if ((peer.revents & (POLLHUP | POLLERR)) != 0) {
+        kill();
+    } else if (!m_hasPeerFinished) {
+        // What it has sent lies in the socket. It is read to the end, so that its partner gets every byte.
+        m_hasPeerFinished = true;
+        leaveHolders();
+    }
+}
+
+// ---------------------------------------------------------------- closing
+
+void Connection::startClose(int status) {
+    if (m_closeStatus != 0 || m_isDead || m_isCloseStarted) return;
+    m_closeStatus = status;
+    m_closeAskedAt = m_progressAt = m_context.now();
+    m_context.setPhase(*this, Phase::Closing);
+    releaseSenders();
+    applyReading();
+    if (m_context.isStopping()) return;
+    ::lws_callback_on_writable(m_wsi);
+    m_context.watch(*this);
+}
+
+void Connection::kill() {
+    if (m_isDead) return;
+    m_isDead = true;
+    m_context.setPhase(*this, Phase::Ended);
+    ::lws_set_timeout(m_wsi, static_cast<pending_timeout>(PENDING_TIMEOUT_USER_REASON_BASE), LWS_TO_KILL_ASYNC);
+}
+
+// ---------------------------------------------------------------- what no event tells
+
+void Connection::releaseWhenIdle(void* area, std::size_t length) {
+    m_quietArea = area;
+    m_quietBytes = length;
+    m_context.watch(*this);
+}
+
+bool Connection::tick(Clock::time_point now) {
+    if (m_isDead) return false;
+    if (!m_isReading) checkStoppedPeer();
+    if (hasPeerTakenMore()) m_progressAt = now;
+    if (phase() == Phase::Open) {
+        checkProgress(now);
+    } else {
+        checkClose(now);
+    }
+    const bool isQuiet = hasQuietRecord(now);
+    return !m_isDead && (!m_isReading || backlog() != 0 || phase() != Phase::Open || !isQuiet);
+}
+
+void Connection::checkProgress(Clock::time_point now) {
+    if (backlog() != 0 && now - m_progressAt > limits().backlogStall) kill();
+}
+
+void Connection::checkClose(Clock::time_point now) {
+    const bool isStalled = now - m_progressAt > limits().closeStall;
+    const bool isOverdue = m_closeStatus != 0 && now - m_closeAskedAt > limits().closeTotal;
+    if (isStalled || isOverdue) kill();
+}
+
+/// libwebsockets drains its rest without a word, so the kernel is asked how far the peer has come.
+bool Connection::hasPeerTakenMore() {
+    if (backlog() == 0) return false;
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (getsockopt(::lws_get_socket_fd(m_wsi), IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return false;
+    const bool hasMoved = info.tcpi_bytes_acked != m_bytesAcked;
+    m_bytesAcked = info.tcpi_bytes_acked;
+    return hasMoved;
+}
+
+/// @return true if there is nothing to give back, or it has been given back
+bool Connection::hasQuietRecord(Clock::time_point now) {
+    if (m_quietArea == nullptr) return true;
+    if (m_isMessageBegun || now - m_heardAt < limits().quietRecord) return false;
+    m_record.releasePages(m_quietArea, m_quietBytes);
+    m_quietArea = nullptr;
+    return true;
+}
+
+void Connection::heartbeat(Clock::time_point now) {
+    // Who is not read cannot be heard, and who has a backlog cannot hear: both are looked after by tick().
+    if (phase() != Phase::Open || !m_isReading || backlog() != 0) return;
+    const auto silence = now - m_heardAt;
+    if (silence >= limits().hangUpAfter) {
+        kill();
+    } else if (silence >= limits().pingAfter && !m_isPingOut) {
+        m_isPingOut = true;
+        FrameHeader ping = makeFrameHeader(0, kWriteText);
+        ping.bytes[0] = 0x89;
+        m_queue.append(ping, {}, limits().earlyFlushBytes);
+        m_context.flushLater(*this);
+    }
+}
+
+}  // namespace zenk_ws

@@ -1,0 +1,333 @@
+#include "platform/ws_context.h"
+
+#include <ev.h>
+
+#include <algorithm>
+#include <new>
+
+#include "platform/ws_limits.h"
+
+namespace zenk_ws {
+
+namespace {
+
+constexpr lws_usec_t kTickMicroseconds = 10'000;
+constexpr std::chrono::milliseconds kWatchEvery{100};
+constexpr std::chrono::milliseconds kHeartbeatEvery{1'000};
+// A read takes the smaller of the two; the library's 4 KiB halve the throughput of large messages.
+constexpr unsigned int kReadBytes = 128 * 1024;
+// One send() takes no more than this.
+constexpr std::size_t kSendBytes = 1024 * 1024;
+
+thread_local Context* t_current = nullptr;
+
+/// Marks the calling thread as the one that serves a context.
+class ServiceScope {
+public:
+    explicit ServiceScope(Context* context) : m_before(t_current) { t_current = context; }
+    ~ServiceScope() { t_current = m_before; }
+    ServiceScope(const ServiceScope&) = delete;
+    ServiceScope& operator=(const ServiceScope&) = delete;
+
+private:
+    Context* const m_before;
+};
+
+/// The contexts that other threads can reach. Never destroyed, since threads may outlive main().
+struct OpenContexts {
+    zenk::Mutex mutex;  // taken before the lock of a context
+    std::vector<Context*> list ZENK_GUARDED_BY(mutex);
+};
+
+OpenContexts& openContexts() {
+    static OpenContexts* const contexts = new OpenContexts;
+    return *contexts;
+}
+
+}  // namespace
+
+Limits& limits() {
+    static Limits limits;
+    return limits;
+}
+
+Context* Context::current() {
+    return t_current;
+}
+
+// ---------------------------------------------------------------- life
+
+std::unique_ptr<Context> Context::create(const lws_context_creation_info& info) {
+    std::unique_ptr<Context> context(new Context(info));
+    if (!context->open(info, true)) {
+        if (!context->open(info, false)) return nullptr;
+        _lws_log(kLogNotice, "libwebsockets has no libev plug-in here; serving with poll, slower with many clients\n");
+    }
+    context->startTick();
+    {
+        zenk::MutexLock lock(context->m_mutex);
+        context->m_isOpenForRequests = true;
+    }
+    OpenContexts& contexts = openContexts();
+    zenk::MutexLock lock(contexts.mutex);
+    contexts.list.push_back(context.get());
+    return context;
+}
+
+Context::Context(const lws_context_creation_info& info) : m_upper(info.protocols), m_protocols{} {
+    m_protocols[0].name = m_upper->name;
+    m_protocols[0].callback = onEvent;
+    m_protocols[0].rx_buffer_size = std::max<std::size_t>(m_upper->rx_buffer_size, kReadBytes);
+    m_protocols[0].id = m_upper->id;
+    m_protocols[0].tx_packet_size = kSendBytes;
+}
+
+bool Context::open(const lws_context_creation_info& info, bool isWithLibev) {
+    ::lws_context_creation_info ours{};
+    ours.port = info.port;
+    ours.iface = info.iface;
+    ours.protocols = m_protocols.data();
+    ours.gid = static_cast<decltype(ours.gid)>(info.gid);
+    ours.uid = static_cast<decltype(ours.uid)>(info.uid);
+    ours.options = info.options & ~kOptionValidateUtf8;  // done in Connection, faster and without the library's gaps
+    ours.pt_serv_buf_size = kReadBytes;
+    ours.timeout_secs = static_cast<unsigned int>(limits().handshake.count());
+    ours.retry_and_idle_policy = &m_noIdlePolicy;  // Connection::heartbeat() does it
+    ours.user = this;
+    void* loops[1] = {nullptr};
+    if (isWithLibev) {
+        m_loop = ev_loop_new(EVFLAG_AUTO);
+        if (m_loop == nullptr) return false;
+        loops[0] = m_loop;
+        ours.foreign_loops = loops;
+        ours.options |= LWS_SERVER_OPTION_LIBEV;
+    }
+    m_lws = ::lws_create_context(&ours);
+    if (m_lws == nullptr && m_loop != nullptr) {
+        ev_loop_destroy(m_loop);
+        m_loop = nullptr;
+    }
+    return m_lws != nullptr;
+}
+
+/// libwebsockets ignores the time that a service call is given, and with libev re-arms its timer wrongly when a far
+/// time-out stands before a near one. A timer that is always near cures both.
+void Context::startTick() {
+    m_tick.context = this;
+    ::lws_sul_schedule(
+        m_lws, 0, &m_tick.timer,
+        [](lws_sorted_usec_list_t* timer) { reinterpret_cast<Tick*>(timer)->context->onTick(); }, kTickMicroseconds);
+}
+
+Context::~Context() {
+    if (m_lws != nullptr) stop();
+}
+
+void Context::stop() {
+    const ServiceScope scope(this);
+    {
+        OpenContexts& contexts = openContexts();
+        zenk::MutexLock lock(contexts.mutex);
+        std::erase(contexts.list, this);
+    }
+    sayGoodbye();
+    {
+        zenk::MutexLock lock(m_mutex);
+        m_isOpenForRequests = false;
+        m_requests.clear();
+    }
+    m_isStopping = true;
+    ::lws_sul_cancel(&m_tick.timer);
+    ::lws_context_destroy(m_lws);  // raises the close events that are left
+    m_lws = nullptr;
+    if (m_loop == nullptr) return;
+    constexpr int kPassesToLetGo = 4;  // libev frees what was closed in the passes behind it
+    for (int i = 0; i < kPassesToLetGo; ++i) ev_run(m_loop, EVRUN_NOWAIT);
+    ev_loop_destroy(m_loop);
+}
+
+void Context::sayGoodbye() {
+    constexpr int kGoingAway = 1001;
+    for (const auto& [wsi, connection] : m_connections) {
+        if (connection->phase() == Connection::Phase::Open) connection->startClose(kGoingAway);
+    }
+    const auto end = Clock::now() + limits().goodbye;
+    while (m_announced != 0 && Clock::now() < end) service();
+}
+
+// ---------------------------------------------------------------- the loop
+
+void Context::service() {
+    const ServiceScope scope(this);
+    runLoopOnce();
+    serveRequests();
+    flushAll();
+}
+
+void Context::runLoopOnce() {
+    if (m_loop != nullptr) {
+        ev_run(m_loop, EVRUN_ONCE);
+    } else {
+        ::lws_service(m_lws, 0);
+    }
+}
+
+void Context::onTick() {
+    m_now = Clock::now();
+    if (m_now >= m_nextWatch) {
+        m_nextWatch = m_now + kWatchEvery;
+        lookAfterWatched();
+    }
+    if (m_now >= m_nextHeartbeat) {
+        m_nextHeartbeat = m_now + kHeartbeatEvery;
+        sendHeartbeats();
+    }
+    startTick();
+}
+
+void Context::lookAfterWatched() {
+    std::erase_if(m_watched, [this](Connection* connection) {
+        connection->m_isWatched = connection->tick(m_now);
+        return !connection->m_isWatched;
+    });
+}
+
+void Context::sendHeartbeats() {
+    for (const auto& [wsi, connection] : m_connections) connection->heartbeat(m_now);
+}
+
+void Context::watch(Connection& connection) {
+    if (connection.m_isWatched) return;
+    m_watched.insert(&connection);
+    connection.m_isWatched = true;
+}
+
+void Context::flushLater(Connection& connection) {
+    if (connection.m_flushIndex >= 0) return;
+    connection.m_flushIndex = static_cast<std::ptrdiff_t>(m_flushList.size());
+    m_flushList.push_back(&connection);
+}
+
+void Context::flushThrough(Connection& last) {
+    if (last.m_flushIndex >= 0) flushUpTo(static_cast<std::size_t>(last.m_flushIndex) + 1);
+}
+
+void Context::flushAll() {
+    flushUpTo(m_flushList.size());
+}
+
+void Context::flushUpTo(std::size_t end) {
+    while (m_flushHead < end) {
+        Connection* const connection = m_flushList[m_flushHead++];
+        if (connection == nullptr) continue;
+        connection->m_flushIndex = -1;
+        connection->pump();
+    }
+    if (m_flushHead < m_flushList.size()) return;
+    m_flushList.clear();
+    m_flushHead = 0;
+}
+
+// ---------------------------------------------------------------- the service thread's operations
+
+Connection* Context::find(::lws* wsi) {
+    const auto found = m_connections.find(wsi);
+    return found == m_connections.end() ? nullptr : found->second.get();
+}
+
+int Context::write(Connection& connection, std::span<const std::uint8_t> payload, int type) {
+    serveRequests();  // they were made before this call
+    if (!connection.acceptsWrites()) return -1;
+    connection.write(payload, type, m_receiving);
+    return static_cast<int>(payload.size());
+}
+
+void Context::close(Connection& connection, int status) {
+    serveRequests();
+    if (connection.acceptsWrites()) connection.startClose(status);
+}
+
+void Context::setPhase(Connection& connection, Connection::Phase phase) {
+    zenk::MutexLock lock(m_mutex);
+    connection.setPhase(phase);
+}
+
+// ---------------------------------------------------------------- other threads' requests
+
+int Context::postWrite(::lws* wsi, std::span<const std::uint8_t> payload, int type) {
+    return post(wsi, {wsi, 0, Request::Kind::Write, type, {payload.begin(), payload.end()}});
+}
+
+void Context::postClose(::lws* wsi, int status) {
+    post(wsi, {wsi, 0, Request::Kind::Close, status, {}});
+}
+
+void Context::postReading(::lws* wsi, bool isOn) {
+    post(wsi, {wsi, 0, Request::Kind::Reading, isOn ? 1 : 0, {}});
+}
+
+int Context::post(::lws* wsi, Request request) {
+    const int bytes = static_cast<int>(request.payload.size());
+    OpenContexts& contexts = openContexts();
+    zenk::MutexLock lock(contexts.mutex);
+    for (Context* const context : contexts.list) {
+        zenk::MutexLock contextLock(context->m_mutex);
+        if (context->take(wsi, request)) return bytes;
+    }
+    return -1;
+}
+
+/// @return false when the connection is none of ours, or takes no such request any more
+bool Context::take(::lws* wsi, Request& request) {
+    if (!m_isOpenForRequests) return false;
+    Connection* const connection = find(wsi);
+    if (connection == nullptr || !connection->acceptsWrites()) return false;
+    request.serial = connection->serial();
+    const std::size_t requestedBytes = connection->m_requestedBytes + request.payload.size();
+    if (requestedBytes > limits().hostWriteBytes) request.kind = Request::Kind::Cut;
+    const bool isEnd = request.kind == Request::Kind::Close || request.kind == Request::Kind::Cut;
+    m_requests.push_back(std::move(request));
+    connection->m_requestedBytes = requestedBytes;
+    if (isEnd) connection->setPhase(Connection::Phase::Closing);  // the writes behind this call are dropped
+    // The loop is woken once, not once per request.
+    if (!m_hasRequests.exchange(true, std::memory_order_acq_rel)) ::lws_cancel_service(m_lws);
+    return true;
+}
+
+void Context::serveRequests() {
+    if (!m_hasRequests.load(std::memory_order_acquire)) return;
+    std::vector<Request> requests;
+    {
+        zenk::MutexLock lock(m_mutex);
+        requests.swap(m_requests);
+        m_hasRequests.store(false, std::memory_order_release);
+        for (const Request& request : requests) {
+            Connection* const connection = find(request.wsi);
+            if (connection != nullptr) connection->m_requestedBytes = 0;
+        }
+    }
+    for (Request& request : requests) serveRequest(request);
+}
+
+void Context::serveRequest(Request& request) {
+    Connection* const connection = find(request.wsi);
+    if (connection == nullptr || connection->serial() != request.serial) return;
+    if (connection->phase() == Connection::Phase::Ended) return;
+    switch (request.kind) {
+        case Request::Kind::Write:
+            connection->write(request.payload, request.value, nullptr);
+            break;
+        case Request::Kind::Close:
+            connection->startClose(request.value);
+            break;
+        case Request::Kind::Reading:
+            connection->setCallerHold(request.value == 0);
+            break;
+        case Request::Kind::Cut:
+            _lws_log(kLogError, "cutting a client that is sent more than it can be given\n");
+            connection->kill();
+            break;
+    }
+}
+
+}  // namespace zenk_ws

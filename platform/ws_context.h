@@ -1,0 +1,125 @@
+#pragma once
+
+#include <libwebsockets.h>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/thread_annotations.h"
+#include "platform/ws_connection.h"
+#include "platform/zenk_websockets.h"
+
+struct ev_loop;
+
+namespace zenk_ws {
+
+/// One server: its loop, its live connections, and what other threads have asked of them.
+///
+/// The service thread is the one inside service() or stop(). It alone calls libwebsockets, but for
+/// lws_cancel_service(). Other threads come in through the static operations, leave their request and wake the loop.
+class Context {
+public:
+    /// @return null when the port cannot be served
+    static std::unique_ptr<Context> create(const lws_context_creation_info& info);
+    ~Context();
+
+    void service();
+
+    /// The context that the calling thread serves at the moment, or null.
+    static Context* current();
+
+    /// From any thread that serves no context.
+    static int postWrite(::lws* wsi, std::span<const std::uint8_t> payload, int type);
+    static void postClose(::lws* wsi, int status);
+    static void postReading(::lws* wsi, bool isOn);
+
+    // For the service thread.
+    Connection* find(::lws* wsi);
+    int write(Connection& connection, std::span<const std::uint8_t> payload, int type);
+    void close(Connection& connection, int status);
+
+    // For Connection.
+    BufferPool& pool() { return m_pool; }
+    Clock::time_point now() const { return m_now; }
+    bool isStopping() const { return m_isStopping; }
+    void flushLater(Connection& connection);
+    /// Flushes everything that was first written to before `last`, then `last`.
+    void flushThrough(Connection& last);
+    void watch(Connection& connection);
+    void setPhase(Connection& connection, Connection::Phase phase);
+
+private:
+    struct Request {
+        enum class Kind { Write, Close, Reading, Cut };
+        ::lws* wsi;
+        std::uint64_t serial;  // the address can name a newer connection by the time the request is served
+        Kind kind;
+        int value;  // frame type, close status, or reception on
+        std::vector<std::uint8_t> payload;
+    };
+    struct Tick {
+        lws_sorted_usec_list_t timer;  // first, so that the library's pointer to it is the pointer to this
+        Context* context;
+    };
+
+    explicit Context(const lws_context_creation_info& info);
+    bool open(const lws_context_creation_info& info, bool isWithLibev);
+    void startTick();
+    void sayGoodbye();
+    void stop();
+
+    static int onEvent(::lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t len);
+    int dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::size_t len);
+    int onHandshake(::lws* wsi);
+    void onEstablished(Connection& connection);
+    void onReceive(Connection& connection, void* in, std::size_t len);
+    void onClosed(Connection& connection);
+    void forget(Connection& connection);
+    int tellUp(::lws* wsi, int reason, void* user, void* in, std::size_t len) const;
+
+    void runLoopOnce();
+    void flushAll();
+    void flushUpTo(std::size_t end);
+    void onTick();
+    void lookAfterWatched();
+    void sendHeartbeats();
+
+    static int post(::lws* wsi, Request request);
+    bool take(::lws* wsi, Request& request) ZENK_REQUIRES(m_mutex);
+    void serveRequests();
+    void serveRequest(Request& request);
+
+    const lws_protocols* const m_upper;
+    std::array<::lws_protocols, 2> m_protocols;
+    lws_retry_bo_t m_noIdlePolicy{};
+    ev_loop* m_loop = nullptr;  // null: the library's own poll loop
+    ::lws_context* m_lws = nullptr;
+    Tick m_tick{};
+
+    // Taken after any lock of a caller. Guards what other threads reach: the requests; the map and the phases against
+    // changes, which the service thread makes under it while it reads them without.
+    zenk::Mutex m_mutex;
+    std::vector<Request> m_requests ZENK_GUARDED_BY(m_mutex);
+    std::atomic<bool> m_hasRequests{false};
+    bool m_isOpenForRequests ZENK_GUARDED_BY(m_mutex) = false;
+
+    // The rest is the service thread's.
+    std::unordered_map<::lws*, std::unique_ptr<Connection>> m_connections;
+    std::uint64_t m_lastSerial = 0;
+    BufferPool m_pool;
+    std::vector<Connection*> m_flushList;  // in the order in which they were first written to; null where one has gone
+    std::size_t m_flushHead = 0;
+    std::unordered_set<Connection*> m_watched;
+    Connection* m_receiving = nullptr;  // whose receive event is with the upper layer
+    Clock::time_point m_now = Clock::now();
+    Clock::time_point m_nextWatch;
+    Clock::time_point m_nextHeartbeat;
+    std::size_t m_announced = 0;
+    bool m_isStopping = false;
+};
+
+}  // namespace zenk_ws

@@ -1,0 +1,139 @@
+// What libwebsockets tells us, and what of it goes up.
+#include <exception>
+#include <new>
+
+#include "platform/ws_context.h"
+#include "platform/ws_handshake.h"
+
+namespace zenk_ws {
+
+namespace {
+
+constexpr int kRefuse = -1;
+constexpr int kServiceUnavailable = 503;
+
+Connection* connectionOf(::lws* wsi) {
+    return static_cast<Connection*>(::lws_get_opaque_user_data(wsi));
+}
+
+}  // namespace
+
+int Context::onEvent(::lws* wsi, lws_callback_reasons reason, void*, void* in, std::size_t len) {
+    auto* const context = static_cast<Context*>(::lws_context_user(::lws_get_context(wsi)));
+    try {
+        return context->dispatch(wsi, reason, in, len);
+    } catch (const std::exception& error) {
+        // Out of memory for one connection must not end the others.
+        _lws_log(kLogError, "ending a connection: %s\n", error.what());
+        return kRefuse;
+    }
+}
+
+int Context::dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::size_t len) {
+    switch (reason) {
+        case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
+            return tellUp(wsi, reason, nullptr, in, len);
+        case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
+            return checkUpgrade(wsi, static_cast<const char*>(in));
+        case LWS_CALLBACK_HTTP:
+            return refusePlainHttp(wsi);
+        case LWS_CALLBACK_RAW_ADOPT:
+            return refuseRawConnection(wsi);
+        case LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION:
+            return onHandshake(wsi);
+        default:
+            break;
+    }
+    // Events of the library's housekeeping come with a connection that is none.
+    switch (reason) {
+        case LWS_CALLBACK_ESTABLISHED:
+        case LWS_CALLBACK_RECEIVE:
+        case LWS_CALLBACK_RECEIVE_PONG:
+        case LWS_CALLBACK_SERVER_WRITEABLE:
+        case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
+        case LWS_CALLBACK_CLOSED:
+        case LWS_CALLBACK_WSI_DESTROY:
+            break;
+        default:
+            return 0;
+    }
+    Connection* const connection = connectionOf(wsi);
+    if (connection == nullptr) return 0;
+    switch (reason) {
+        case LWS_CALLBACK_ESTABLISHED:
+            onEstablished(*connection);
+            return 0;
+        case LWS_CALLBACK_RECEIVE:
+            onReceive(*connection, in, len);
+            return 0;
+        case LWS_CALLBACK_RECEIVE_PONG:
+            connection->onHeard();
+            return 0;
+        case LWS_CALLBACK_SERVER_WRITEABLE:
+            return connection->onWriteable();
+        case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
+            connection->onPeerClose();
+            return 0;
+        default:
+            onClosed(*connection);
+            return 0;
+    }
+}
+
+/// The upper callback throws nothing: that is part of its contract.
+int Context::tellUp(::lws* wsi, int reason, void* user, void* in, std::size_t len) const {
+    return m_upper->callback(wsi, reason, user, in, len);
+}
+
+int Context::onHandshake(::lws* wsi) {
+    auto made = std::make_unique<Connection>(*this, wsi, ++m_lastSerial);
+    if (!made->record().allocate(m_upper->per_session_data_size)) return refuseHandshake(wsi, kServiceUnavailable);
+    made->target() = readRequestTarget(wsi);
+    Connection& connection = *made;
+    {
+        zenk::MutexLock lock(m_mutex);
+        m_connections[wsi] = std::move(made);
+    }
+    ::lws_set_opaque_user_data(wsi, &connection);
+    const int result = tellUp(wsi, kEventFilterProtocolConnection, connection.record().data(), nullptr, 0);
+    if (result == 0) return 0;
+    forget(connection);
+    return refuseHandshake(wsi, result);
+}
+
+void Context::onEstablished(Connection& connection) {
+    ++m_announced;
+    connection.onEstablished();
+    tellUp(connection.wsi(), kEventEstablished, connection.record().data(), nullptr, 0);
+    connection.target().reset();
+}
+
+void Context::onReceive(Connection& connection, void* in, std::size_t len) {
+    if (!connection.onReceive({static_cast<const std::uint8_t*>(in), len})) return;
+    m_receiving = &connection;
+    tellUp(connection.wsi(), kEventReceive, connection.record().data(), in, len);
+    m_receiving = nullptr;
+}
+
+/// Comes for refused handshakes too, and a second time when the library frees what it has closed.
+void Context::onClosed(Connection& connection) {
+    const bool isAnnounced = connection.isAnnounced();
+    connection.onGone();
+    if (isAnnounced) {
+        --m_announced;
+        tellUp(connection.wsi(), kEventClosed, connection.record().data(), nullptr, 0);
+    }
+    forget(connection);
+}
+
+void Context::forget(Connection& connection) {
+    ::lws* const wsi = connection.wsi();
+    ::lws_set_opaque_user_data(wsi, nullptr);
+    if (connection.m_flushIndex >= 0) m_flushList[static_cast<std::size_t>(connection.m_flushIndex)] = nullptr;
+    if (connection.m_isWatched) m_watched.erase(&connection);
+    decltype(m_connections)::node_type gone;
+    zenk::MutexLock lock(m_mutex);
+    gone = m_connections.extract(wsi);
+}
+
+}  // namespace zenk_ws
