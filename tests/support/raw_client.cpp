@@ -1,0 +1,126 @@
+#include "tests/support/raw_client.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace zenk_test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+bool waitFor(int fd, short events, Clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now());
+    pollfd entry{fd, events, 0};
+    return poll(&entry, 1, static_cast<int>(std::max<Milliseconds::rep>(left.count(), 0))) > 0;
+}
+
+void appendBigEndian(std::string& out, std::uint64_t value, int bytes) {
+    while (bytes-- > 0) out.push_back(static_cast<char>(value >> (8 * bytes)));
+}
+
+}  // namespace
+
+bool RawClient::connect(int port) {
+    m_socket = connectTcp(port);
+    m_received.clear();
+    m_hasEnded = false;
+    return m_socket.isOpen();
+}
+
+bool RawClient::send(std::string_view bytes, Milliseconds patience) {
+    const auto deadline = Clock::now() + patience;
+    while (!bytes.empty()) {
+        if (!waitFor(m_socket.fd(), POLLOUT, deadline)) return false;
+        const ssize_t sent = ::send(m_socket.fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(sent));
+    }
+    return true;
+}
+
+bool RawClient::upgrade(int port, std::string_view target, Milliseconds patience) {
+    if (!connect(port) || !send(handshakeRequest(target), patience)) return false;
+    return receiveUntil("\r\n\r\n", patience).find(" 101 ") != std::string::npos;
+}
+
+std::string RawClient::receiveUntil(std::string_view until, Milliseconds patience) {
+    const auto deadline = Clock::now() + patience;
+    std::size_t end = std::string::npos;
+    while ((end = m_received.find(until)) == std::string::npos && readSome(deadline)) {
+    }
+    if (end == std::string::npos) return std::exchange(m_received, {});
+    return receive(end + until.size(), Milliseconds(0));
+}
+
+std::string RawClient::receive(std::size_t count, Milliseconds patience) {
+    const auto deadline = Clock::now() + patience;
+    while (m_received.size() < count && readSome(deadline)) {
+    }
+    std::string taken = m_received.substr(0, count);
+    m_received.erase(0, taken.size());
+    return taken;
+}
+
+bool RawClient::waitForEnd(Milliseconds patience) {
+    const auto deadline = Clock::now() + patience;
+    while (readSome(deadline)) m_received.clear();
+    return m_hasEnded;
+}
+
+void RawClient::finishSending() {
+    shutdown(m_socket.fd(), SHUT_WR);
+}
+
+void RawClient::close() {
+    m_socket.close();
+}
+
+void RawClient::reset() {
+    const linger atOnce{1, 0};
+    setsockopt(m_socket.fd(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    m_socket.close();
+}
+
+bool RawClient::readSome(Clock::time_point deadline) {
+    if (m_hasEnded || !waitFor(m_socket.fd(), POLLIN, deadline)) return false;
+    std::array<char, 16384> buffer;
+    const ssize_t count = recv(m_socket.fd(), buffer.data(), buffer.size(), 0);
+    m_hasEnded = count <= 0;
+    if (!m_hasEnded) m_received.append(buffer.data(), static_cast<std::size_t>(count));
+    return !m_hasEnded;
+}
+
+std::string clientFrame(std::uint8_t firstByte, std::string_view payload) {
+    constexpr std::array<char, 4> kMask{0x11, 0x22, 0x33, 0x44};
+    constexpr int kMaskBit = 0x80;
+    std::string frame(1, static_cast<char>(firstByte));
+    if (payload.size() < 126) {
+        frame.push_back(static_cast<char>(kMaskBit | static_cast<int>(payload.size())));
+    } else if (payload.size() < 65536) {
+        frame.push_back(static_cast<char>(kMaskBit | 126));
+        appendBigEndian(frame, payload.size(), 2);
+    } else {
+        frame.push_back(static_cast<char>(kMaskBit | 127));
+        appendBigEndian(frame, payload.size(), 8);
+    }
+    frame.append(kMask.data(), kMask.size());
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+        frame.push_back(static_cast<char>(payload[i] ^ kMask[i % kMask.size()]));
+    }
+    return frame;
+}
+
+std::string handshakeRequest(std::string_view target) {
+    std::string request = "GET ";
+    request.append(target);
+    request.append(
+        " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
+    return request;
+}
+
+}  // namespace zenk_test
