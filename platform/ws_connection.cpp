@@ -299,9 +299,10 @@ void Connection::heartbeat(Clock::time_point now) {
         kill();
     } else if (silence >= limits().pingAfter && !m_isPingOut) {
         m_isPingOut = true;
-        FrameHeader ping = makeFrameHeader(0, kWriteText);
+        static constexpr std::uint8_t kPayload[] = {'?'};  // libwebsockets raises no event for an empty answer
+        FrameHeader ping = makeFrameHeader(sizeof kPayload, kWriteText);
         ping.bytes[0] = 0x89;
-        m_queue.append(ping, {}, limits().earlyFlushBytes);
+        m_queue.append(ping, kPayload, limits().earlyFlushBytes);
         m_context.flushLater(*this);
     }
 }

@@ -59,7 +59,7 @@ Context* Context::current() {
 
 std::unique_ptr<Context> Context::create(const lws_context_creation_info& info) {
     std::unique_ptr<Context> context(new Context(info));
-    if (!context->open(info, true)) {
+    if (!limits().mayUseLibev || !context->open(info, true)) {
         if (!context->open(info, false)) return nullptr;
         _lws_log(kLogNotice, "libwebsockets has no libev plug-in here; serving with poll, slower with many clients\n");
     }

@@ -29,6 +29,8 @@ struct Limits {
     std::chrono::milliseconds pingAfter{60'000};
     std::chrono::milliseconds hangUpAfter{75'000};
     std::chrono::seconds handshake{5};
+
+    bool mayUseLibev = true;  // false: as on a machine without the plug-in
 };
 
 /// The limits in force. To be changed before a context is created, by tests only.

@@ -1,0 +1,163 @@
+// A reader that stalls costs bounded memory, loses nothing, and is nobody else's trouble.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "platform/ws_limits.h"
+#include "tests/platform/layer_server.h"
+#include "tests/support/net_util.h"
+#include "tests/support/raw_client.h"
+#include "tests/support/ws_client.h"
+
+namespace zenk_test {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using namespace std::string_view_literals;
+
+constexpr std::size_t kMessageBytes = 100'000;
+const std::string kFrameHead = "\x82\x7F\x00\x00\x00\x00\x00\x01\x86\xA0"s;
+
+std::size_t residentBytes() {
+    std::ifstream statm("/proc/self/statm");
+    std::size_t total = 0, resident = 0;
+    statm >> total >> resident;
+    return resident * 4096;
+}
+
+std::string message(int number) {
+    std::string payload(kMessageBytes, static_cast<char>('a' + number % 26));
+    payload.replace(0, 8, std::to_string(10'000'000 + number));
+    return payload;
+}
+
+class Backpressure : public testing::Test {
+protected:
+    Backpressure() : m_port(freePort()) {}
+    ~Backpressure() override { zenk_ws::limits() = zenk_ws::Limits(); }
+
+    void serve() {
+        m_server = std::make_unique<LayerServer>(m_port);
+        ASSERT_TRUE(m_server->isServing());
+        ASSERT_TRUE(m_sender.upgrade(m_port, "/l/a"));
+        ASSERT_TRUE(m_reader.upgrade(m_port, "/r/a"));
+        ASSERT_TRUE(waitUntil([&] { return m_server->connection("/r/a") != nullptr; }));
+    }
+    /// Sends until the server takes no more. @return how many whole messages it took
+    int fill(int most) {
+        for (int i = 0; i < most; ++i) {
+            m_unsent = clientFrame(0x82, message(i));
+            if (!m_sender.send(m_unsent, 500ms)) return i;
+        }
+        return most;
+    }
+    void expectMessages(int first, int end) {
+        for (int i = first; i < end; ++i) {
+            ASSERT_EQ(m_reader.receive(kFrameHead.size()), kFrameHead) << i;
+            ASSERT_EQ(m_reader.receive(kMessageBytes), message(i)) << i;
+        }
+    }
+
+    const int m_port;
+    std::unique_ptr<LayerServer> m_server;
+    RawClient m_sender;
+    RawClient m_reader;
+    std::string m_unsent;
+};
+
+TEST_F(Backpressure, DeliversEveryByteAfterAStallAndServesOthersMeanwhile) {
+    serve();
+    constexpr int kMessages = 500;  // 50 MB, far more than the kernel's buffers hold
+    const std::size_t before = residentBytes();
+    std::jthread sending([&] {
+        for (int i = 0; i < kMessages; ++i) ASSERT_TRUE(m_sender.send(clientFrame(0x82, message(i)), 60s));
+    });
+    WsClient left, right;
+    ASSERT_TRUE(left.connect(m_port, "/l/b"));
+    ASSERT_TRUE(right.connect(m_port, "/r/b"));
+    ASSERT_TRUE(waitUntil([&] { return m_server->connection("/r/b") != nullptr; }));
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_TRUE(left.sendText("ping"));
+        ASSERT_EQ(right.receiveText(), "ping");
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_LT(residentBytes(), before + 16 * 1024 * 1024);
+    expectMessages(0, kMessages);
+}
+
+TEST_F(Backpressure, EndsAStoppedSenderThatWasReset) {
+    serve();
+    ASSERT_LT(fill(1000), 1000);
+    m_sender.reset();
+    EXPECT_TRUE(waitUntil([&] { return m_server->connection("/l/a") == nullptr; }, 3s));
+}
+
+TEST_F(Backpressure, ServesAStoppedSenderThatHasFinishedToTheEnd) {
+    serve();
+    constexpr int kMessages = 60;
+    std::jthread sending([&] {
+        for (int i = 0; i < kMessages; ++i) ASSERT_TRUE(m_sender.send(clientFrame(0x82, message(i)), 60s));
+        ASSERT_TRUE(m_sender.send(clientFrame(0x88, "\x03\xE8"), 60s));
+        m_sender.finishSending();
+    });
+    std::this_thread::sleep_for(1500ms);  // the stall: nothing is awaited, the reader just does not read
+    expectMessages(0, kMessages);
+    EXPECT_EQ(m_reader.receive(4), "\x88\x02\x03\xE8"sv);
+}
+
+TEST_F(Backpressure, LetsTheSenderGoWhenItsStalledPartnerDies) {
+    serve();
+    ASSERT_LT(fill(1000), 1000);
+    m_reader.reset();
+    EXPECT_EQ(m_sender.receive(4), "\x88\x02\x03\xE8"sv);
+}
+
+TEST_F(Backpressure, EndsAPartnerThatTakesNothingForTooLong) {
+    zenk_ws::limits().backlogStall = 1s;
+    zenk_ws::limits().closeStall = 1s;
+    serve();
+    ASSERT_LT(fill(1000), 1000);
+    EXPECT_TRUE(waitUntil([&] { return m_server->connection("/r/a") == nullptr; }));
+    EXPECT_EQ(m_sender.receive(4), "\x88\x02\x03\xE8"sv);
+}
+
+TEST_F(Backpressure, CutsAReaderThatTheHostFloods) {
+    serve();
+    lws* const wsi = m_server->connection("/r/a");
+    const std::string load(100'000, 'h');
+    const std::size_t before = residentBytes();
+    const bool isCut = waitUntil(
+        [&] { return zenk_ws::lws_write(wsi, load.data(), static_cast<int>(load.size()), zenk_ws::kWriteBinary) < 0; });
+    EXPECT_TRUE(isCut);
+    EXPECT_LT(residentBytes(), before + 32 * 1024 * 1024);
+    EXPECT_EQ(m_sender.receive(4), "\x88\x02\x03\xE8"sv);
+}
+
+TEST_F(Backpressure, SlowsAClientDownThatFloodsItself) {
+    serve();
+    m_server->onPiece = [](lws* wsi, const std::string&, const std::string& piece) {
+        zenk_ws::lws_write(wsi, piece.data(), static_cast<int>(piece.size()), zenk_ws::kWriteBinary);
+    };
+    const std::size_t before = residentBytes();
+    ASSERT_LT(fill(1000), 1000);
+    EXPECT_LT(residentBytes(), before + 16 * 1024 * 1024);
+    EXPECT_NE(m_server->connection("/l/a"), nullptr);
+}
+
+TEST_F(Backpressure, HoldsAClientForItsCaller) {
+    serve();
+    lws* const wsi = m_server->connection("/l/a");
+    zenk_ws::lws_rx_flow_control(wsi, 0);
+    zenk_ws::lws_write(m_server->connection("/r/a"), "", 0, zenk_ws::kWriteText);
+    ASSERT_EQ(m_reader.receive(2), "\x81\0"sv);  // so the request before it has been served too
+    m_sender.send(clientFrame(0x82, "one"));
+    EXPECT_EQ(m_reader.receive(1, 300ms), "");
+    zenk_ws::lws_rx_flow_control(wsi, 1);
+    EXPECT_EQ(m_reader.receive(5), "\x82\x03one");
+}
+
+}  // namespace
+}  // namespace zenk_test

@@ -1,0 +1,79 @@
+#include "platform/utf8_checker.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+
+#include "platform/send_queue.h"
+#include "platform/zenk_websockets.h"
+
+namespace {
+
+using namespace std::string_view_literals;
+using zenk_ws::Utf8Checker;
+
+bool feed(Utf8Checker& checker, std::string_view text) {
+    return checker.feed({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+}
+
+bool isText(std::string_view text, std::size_t splitAt) {
+    Utf8Checker checker;
+    return feed(checker, text.substr(0, splitAt)) && feed(checker, text.substr(splitAt)) && checker.isComplete();
+}
+
+TEST(Utf8Checker, JudgesEverySplitOfATextAlike) {
+    const struct {
+        std::string_view text;
+        bool isGood;
+    } cases[] = {
+        {""sv, true},
+        {"plain\0text"sv, true},
+        {"\x7F\xC2\x80\xDF\xBF"sv, true},
+        {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF"sv, true},
+        {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"sv, true},
+        {"\x80"sv, false},
+        {"\xC0\xAF"sv, false},
+        {"\xC1\xBF"sv, false},
+        {"\xE0\x9F\xBF"sv, false},
+        {"\xED\xA0\x80"sv, false},
+        {"\xF0\x8F\xBF\xBF"sv, false},
+        {"\xF4\x90\x80\x80"sv, false},
+        {"\xF5\x80\x80\x80"sv, false},
+        {"\xFF"sv, false},
+        {"\xE2\x82"sv, false},
+        {"\xE2\x82"
+         "A"sv,
+         false},
+        {"\xC3\xA4\xA4"sv, false},
+    };
+    const std::string padding(100, 'x');  // so that the blocks of plain ASCII are passed over as well
+    for (const auto& [text, isGood] : cases) {
+        for (const std::string& whole : {std::string(text), padding + std::string(text), std::string(text) + padding}) {
+            // An unfinished sequence with something behind it is bad for another reason; it stays bad.
+            for (std::size_t split = 0; split <= whole.size(); ++split) {
+                EXPECT_EQ(isText(whole, split), isGood) << testing::PrintToString(whole) << " split at " << split;
+            }
+        }
+    }
+}
+
+TEST(FrameHeader, HasTheShortestLengthForm) {
+    const struct {
+        std::size_t payload;
+        int type;
+        std::string_view bytes;
+    } cases[] = {
+        {0, zenk_ws::kWriteText, "\x81\x00"sv},
+        {125, zenk_ws::kWriteBinary, "\x82\x7D"sv},
+        {126, zenk_ws::kWriteText | zenk_ws::kWriteNoFin, "\x01\x7E\x00\x7E"sv},
+        {65535, zenk_ws::kWriteContinuation, "\x80\x7E\xFF\xFF"sv},
+        {65536, zenk_ws::kWriteContinuation | zenk_ws::kWriteNoFin, "\x00\x7F\x00\x00\x00\x00\x00\x01\x00\x00"sv},
+    };
+    for (const auto& [payload, type, bytes] : cases) {
+        const zenk_ws::FrameHeader header = zenk_ws::makeFrameHeader(payload, type);
+        EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(header.bytes), header.size), bytes) << payload;
+    }
+}
+
+}  // namespace
