@@ -97,7 +97,10 @@ bool isPrinted(int type, int level) {
 void zenk_log_print(int type, const char* module, const char* file, const char* function, int line, const char* name,
                     const void* value) {
     const ErrnoKeeper keeper;
-    if (type > kHighestType) return printLine("log type set err, out of max enum value\n");
+    if (type > kHighestType) {
+        std::puts("log type set err, out of max enum value");
+        return;
+    }
     const int level = zenk_log_getLevel(module);
     char prefix[kPrefixBytes];
     formatLogPrefix(prefix, level);

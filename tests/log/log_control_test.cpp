@@ -1,0 +1,139 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "log/zenk_log.h"
+#include "tests/log/captured_output.h"
+#include "tests/log/own_network.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::string_literals;
+
+constexpr char kClear[] = "__CLIEAR_LOG_MODULES__";
+
+// The peer of this process's control thread, which starts once and never ends.
+class LogControl : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        enterOwnNetwork();
+        s_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(54321);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(bind(s_fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const timeval patience{20, 0};
+        setsockopt(s_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        for (int mode : {-1, 2}) EXPECT_EQ(zenk_log_initialize(mode), -1);
+        EXPECT_EQ(zenk_log_initialize(0), 0);
+        EXPECT_EQ(zenk_log_initialize(1), 0);
+        EXPECT_EQ(zenk_log_initialize(1), 0);  // starts no second thread
+    }
+    static void TearDownTestSuite() { close(s_fd); }
+
+    // Waits for the beginning of a cycle: what is sent next is taken in the order of sending, from this cycle on.
+    void SetUp() override {
+        clear_modules_list();
+        while (nextReport() != "") {
+        }
+    }
+
+    static std::string nextReport() {
+        std::array<char, 2000> bytes;
+        socklen_t size = sizeof s_sender;
+        const ssize_t length =
+            recvfrom(s_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&s_sender), &size);
+        return length < 0 ? "nothing came" : std::string(bytes.data(), static_cast<std::size_t>(length));
+    }
+
+    static void send(const std::string& datagram) {
+        sendto(s_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&s_sender), sizeof s_sender);
+    }
+
+    static std::string command(std::string text, unsigned char level) {
+        text.resize(1024);
+        return text + static_cast<char>(level);
+    }
+
+    inline static int s_fd = -1;
+    inline static sockaddr_in s_sender{};
+};
+
+std::string contents(const std::filesystem::path& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+}  // namespace
+
+TEST_F(LogControl, ReportsOnceASecondFromOneThreadThatTakesNoSignals) {
+    std::set<in_port_t> ports;
+    const auto start = Clock::now();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(nextReport(), "");
+        ports.insert(s_sender.sin_port);
+    }
+    EXPECT_EQ(ports.size(), 1U);
+    EXPECT_GT(Clock::now() - start, std::chrono::milliseconds(2500));
+    int threads = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (contents(task.path() / "comm") != "zenk-log\n") continue;
+        ++threads;
+        // All but SIGKILL, SIGSTOP and the two that the C library keeps for itself.
+        EXPECT_NE(contents(task.path() / "status").find("SigBlk:\tfffffffe7ffbfeff"), std::string::npos);
+    }
+    EXPECT_EQ(threads, 1);
+    EXPECT_EQ(zenk_log_finalize(0) + zenk_log_finalize(1), 0);
+    EXPECT_EQ(zenk_log_finalize(2), -1);
+    EXPECT_EQ(nextReport(), "");
+}
+
+// All are sent at once: one is taken per cycle, in their order.
+TEST_F(LogControl, TakesOneCommandOfAnyLengthPerCycle) {
+    CapturedOutput output;
+    const struct {
+        std::string datagram;
+        std::string report;
+    } cycles[] = {
+        {command("b|PLUGIN|a", 1), "PLUGIN|a|b"},
+        {"a", "PLUGIN|b"},  // no level byte: removes
+        {"", "PLUGIN|b"},   // uses up a cycle
+        {command("\0|c"s, 1), "PLUGIN|b"},
+        {command("c\0|d"s, 255) + "beyond", "PLUGIN|b|c"},
+        {"PLUGIN\0"s, "b|c"},
+        {command(kClear + "|PLUGIN"s, 1), "PLUGIN|" + std::string(kClear) + "|b|c"},
+        {command(kClear, 200), ""},
+        {command("PLUGIN|" + std::string(1017, 'x'), 'x'), "PLUGIN"},  // no zero byte before or in the level byte
+    };
+    for (const auto& cycle : cycles) send(cycle.datagram);
+    for (const auto& cycle : cycles) ASSERT_EQ(nextReport(), cycle.report);
+    EXPECT_EQ(output.take(), "module:" + std::string(1017, 'x') + " set error, length is 1017, out of max length:32\n");
+    EXPECT_EQ(zenk_log_getLevel("PLUGIN"), 1);
+    const std::string last = cycles[std::size(cycles) - 1].datagram;
+    EXPECT_TRUE(std::equal(last.begin(), last.end(), std::begin(g_modules_info), std::end(g_modules_info)));
+}
+
+TEST_F(LogControl, TurnsAModuleUpAndClearsWhatWasLeftOfALongerCommand) {
+    send(command("PLUGIN", 1));
+    send("x");
+    ASSERT_EQ(nextReport(), "PLUGIN");
+    EXPECT_EQ(zenk_log_getLevel("PLUGIN"), 2);
+    ASSERT_EQ(nextReport(), "PLUGIN");
+    get_modules_list(nullptr);  // orders the control thread's writes before the look at its array
+    EXPECT_EQ(std::string(g_modules_info, sizeof g_modules_info), command("x", 0));
+}

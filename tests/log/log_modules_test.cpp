@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log/zenk_log.h"
+#include "tests/log/captured_output.h"
+
+namespace {
+
+std::string table() {
+    char list[1025] = "untouched";
+    const int count = get_modules_list(list);
+    return std::to_string(count) + ":" + list;
+}
+
+std::string numberedNames(int first, int last) {
+    std::string names;
+    for (int i = first; i <= last; ++i) names += "M" + std::to_string(i) + "|";
+    return names;
+}
+
+class LogModules : public testing::Test {
+protected:
+    LogModules() { clear_modules_list(); }
+
+    // What inserting a list prints.
+    std::string insert(const std::string& modules, int level) {
+        EXPECT_EQ(insert_modules_list(modules.c_str(), level), 0);
+        return m_output.take();
+    }
+
+private:
+    CapturedOutput m_output;
+};
+
+// Looks at the table after all of the program's own objects are gone.
+struct AfterExit {
+    ~AfterExit() {
+        if (!isAsked) return;
+        const bool isEmpty = zenk_log_getLevel("A") == 1 && insert_modules_list("A", 1) == 0 &&
+                             get_modules_list(nullptr) == 0 && clear_modules_list() == 0;
+        _exit(isEmpty ? 42 : 1);
+    }
+    bool isAsked = false;
+} g_afterExit __attribute__((init_priority(101)));
+
+}  // namespace
+
+TEST_F(LogModules, ListsWhatWasStoredInByteOrder) {
+    EXPECT_EQ(insert_modules_list(nullptr, 1), -1);
+    for (const char* nothing : {"", "|", "|||"}) insert(nothing, 1);
+    EXPECT_EQ(table(), "0:untouched");
+    EXPECT_EQ(insert("||b|B||\xC3\xA4|a|", 1), "");
+    EXPECT_EQ(table(), "4:B|a|b|\xC3\xA4");
+    EXPECT_EQ(insert("a|none|\xC3\xA4", 0), "");
+    EXPECT_EQ(table(), "2:B|b");
+    EXPECT_EQ(get_modules_list(nullptr), 2);
+    EXPECT_EQ(clear_modules_list(), 0);
+    EXPECT_EQ(table(), "0:untouched");
+}
+
+TEST_F(LogModules, MapsStoredLevelsToResults) {
+    for (int stored : {1, 2, 255, 256, -1}) {
+        insert("PLUGIN", stored);
+        EXPECT_EQ(zenk_log_getLevel("PLUGIN"), stored == 1 ? 2 : 1) << stored;
+        EXPECT_EQ(table(), "1:PLUGIN");
+    }
+    insert("PLUGIN|12345678|" + std::string(32, 'x'), 1);
+    for (const char* other : {"", "plugin", "PLUGI", "PLUGIN2", "1234567", "123456789"}) {
+        EXPECT_EQ(zenk_log_getLevel(other), 1) << other;
+    }
+    EXPECT_EQ(zenk_log_getLevel("12345678"), 2);
+    EXPECT_EQ(zenk_log_getLevel(std::string(32, 'x').c_str()), 2);
+    EXPECT_EQ(zenk_log_getLevel(std::string(33, 'x').c_str()), 1);
+    EXPECT_EQ(zenk_log_getLevel(nullptr), 1);
+    insert("PLUGIN", 0);
+    EXPECT_EQ(zenk_log_getLevel("PLUGIN"), 1);
+}
+
+TEST_F(LogModules, RefusesLongNamesAndGoesOn) {
+    const std::string longest(32, 'x');
+    const std::string message = "module:" + longest + "y set error, length is 33, out of max length:32\n";
+    EXPECT_EQ(insert("a|" + longest + "y|" + longest, 1), message);
+    EXPECT_EQ(table(), "2:a|" + longest);
+    EXPECT_EQ(insert(longest + "y|a", 0), message);
+    EXPECT_EQ(table(), "1:" + longest);
+}
+
+TEST_F(LogModules, RefusesEveryLevelAtAFullTable) {
+    const std::string message = "module:M21 set error, module_list map has number:20\n";
+    EXPECT_EQ(insert(numberedNames(1, 30), 2), message);
+    EXPECT_EQ(insert("M5|M6", 1), "module:M5 set error, module_list map has number:20\n");
+    EXPECT_EQ(zenk_log_getLevel("M5"), 1);
+    EXPECT_EQ(insert("M5|M6|none", 0), "");
+    EXPECT_EQ(insert(numberedNames(20, 30), 1), "module:M23 set error, module_list map has number:20\n");
+    EXPECT_EQ(zenk_log_getLevel("M20"), 2);
+    EXPECT_EQ(zenk_log_getLevel("M22"), 2);
+    EXPECT_EQ(zenk_log_getLevel("M23"), 1);
+
+    clear_modules_list();
+    std::string longest;
+    for (char c = 'a'; c < 'a' + 20; ++c) longest += (longest.empty() ? "" : "|") + std::string(32, c);
+    EXPECT_EQ(insert(longest, 1), "");
+    EXPECT_EQ(table(), "20:" + longest);
+}
+
+TEST_F(LogModules, CountAsNoneAfterTheirDestruction) {
+    EXPECT_EXIT(
+        {
+            insert_modules_list("A", 1);
+            g_afterExit.isAsked = true;
+            std::exit(0);
+        },
+        testing::ExitedWithCode(42), "");
+}
+
+// Two names come and go, one stays: its level and its lines must be right at every moment.
+TEST(LogModulesAndThreads, LinesStayWholeAndLevelsRightWhileTheTableChanges) {
+    clear_modules_list();
+    insert_modules_list("STEADY", 1);
+    CapturedOutput output;
+    std::atomic<bool> isOver = false;
+    std::atomic<int> wrongLevels = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500 || !isOver; ++i) {
+                if (zenk_log_getLevel("STEADY") != 2 || zenk_log_getLevel("NEVER") != 1) ++wrongLevels;
+                if (i < 500) zenk_log_print(LOG_TYPE_STRING, "STEADY", "d/f", "g", 7, "n", "v");
+            }
+        });
+    }
+    for (int i = 0; i < 5'000; ++i) {
+        insert_modules_list("AHEAD|TAIL", 2);  // moves the place of the one that stays
+        insert_modules_list("AHEAD|TAIL", 0);
+    }
+    isOver = true;
+    for (auto& thread : threads) thread.join();
+
+    EXPECT_EQ(wrongLevels, 0);
+    const std::regex whole(
+        "(\033\\[0m)?\033\\[32mtime=[^,]*,timestamp=\\d+,pid=\\d+,tid=\\d+,logtype=info "
+        "File:f Function: g\\(\\), line: 7, n:v");
+    std::istringstream lines(output.take());
+    int count = 0;
+    for (std::string line; std::getline(lines, line) && line != "\033[0m"; ++count) {
+        ASSERT_TRUE(std::regex_match(line, whole)) << line;
+    }
+    EXPECT_EQ(count, 8 * 500);
+}
