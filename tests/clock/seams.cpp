@@ -1,0 +1,81 @@
+#include "tests/clock/seams.h"
+
+#include <cstring>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <utility>
+
+namespace {
+
+std::mutex g_mutex;  // guards all below
+std::deque<timespec> g_reads;
+clockid_t g_lastClock = -1;
+std::map<std::string, std::string> g_trace;
+std::string g_address;
+
+}  // namespace
+
+namespace seams {
+
+void scriptReads(std::vector<timespec> reads) {
+    std::lock_guard lock(g_mutex);
+    g_reads.assign(reads.begin(), reads.end());
+}
+
+std::size_t readsLeft() {
+    std::lock_guard lock(g_mutex);
+    return g_reads.size();
+}
+
+clockid_t takeLastClock() {
+    std::lock_guard lock(g_mutex);
+    return std::exchange(g_lastClock, -1);
+}
+
+std::string traceOf(const std::string& function) {
+    std::lock_guard lock(g_mutex);
+    return g_trace[function];
+}
+
+void clearTrace() {
+    std::lock_guard lock(g_mutex);
+    g_trace.clear();
+}
+
+void setLocalAddress(const std::string& address) {
+    std::lock_guard lock(g_mutex);
+    g_address = address;
+}
+
+}  // namespace seams
+
+extern "C" {
+
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now);
+void __wrap_zenk_log_print(int type, const char*, const char*, const char* function, int, const char*, const void*);
+int __wrap__Z14getLocalIpAddrPci(char* address, int length);
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+    std::lock_guard lock(g_mutex);
+    g_lastClock = clock;
+    if (g_reads.empty()) return __real_clock_gettime(clock, now);
+    *now = g_reads.front();
+    g_reads.pop_front();
+    return 0;
+}
+
+void __wrap_zenk_log_print(int type, const char*, const char*, const char* function, int, const char*, const void*) {
+    std::lock_guard lock(g_mutex);
+    g_trace[function] += "ELXIS"[type];
+}
+
+int __wrap__Z14getLocalIpAddrPci(char* address, int length) {
+    std::lock_guard lock(g_mutex);
+    if (g_address.empty()) return -1;
+    std::strncpy(address, g_address.c_str(), static_cast<std::size_t>(length));
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+/// What the tests put in the place of the outside world. Any thread.
+namespace seams {
+
+/// The next reads of any clock; with none left the system answers.
+void scriptReads(std::vector<timespec> reads);
+std::size_t readsLeft();
+/// The clock that was read last since the last call; -1 for none.
+clockid_t takeLastClock();
+
+/// The trace lines of one function so far, as letters: E enter, L leave, X error.
+std::string traceOf(const std::string& function);
+void clearTrace();
+
+/// The receiver's address; empty for none.
+void setLocalAddress(const std::string& address);
+
+}  // namespace seams

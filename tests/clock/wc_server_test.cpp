@@ -1,0 +1,345 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "tests/clock/seams.h"
+#include "wsserver/wall_clock.h"
+#include "wsserver/zenk_dvbCss.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kCountsAllocations = false;  // the sanitizer's allocator stands in the way
+std::atomic<long> g_allocations{0};
+#else
+constexpr bool kCountsAllocations = true;
+std::atomic<long> g_allocations{0};
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void* malloc(std::size_t size) {
+    ++g_allocations;
+    return __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) {
+    ++g_allocations;
+    return __libc_calloc(count, size);
+}
+void* realloc(void* block, std::size_t size) {
+    ++g_allocations;
+    return __libc_realloc(block, size);
+}
+}
+#endif
+
+namespace {
+
+using namespace std::chrono_literals;
+using Reply = std::array<unsigned char, 32>;
+
+constexpr auto kDeadline = 20s;
+
+/// Looks often until `condition` holds; false when the deadline passes.
+template <typename Condition>
+bool waitFor(Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + kDeadline;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+class UdpPeer {
+public:
+    UdpPeer() : m_fd(socket(AF_INET, SOCK_DGRAM, 0)) {
+        const timeval patience{20, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    }
+    ~UdpPeer() { close(m_fd); }
+
+    int bindAnyPort() {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        address.sin_family = AF_INET;
+        bind(m_fd, reinterpret_cast<sockaddr*>(&address), length);
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
+        return ntohs(address.sin_port);
+    }
+    void connectTo(int port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+    void send(const std::string& bytes) { ::send(m_fd, bytes.data(), bytes.size(), 0); }
+    bool receive(Reply& reply, int flags = 0) {
+        return recv(m_fd, reply.data(), reply.size(), flags | MSG_TRUNC) == static_cast<ssize_t>(reply.size());
+    }
+    Reply ask(const std::string& bytes) {
+        Reply reply{};
+        send(bytes);
+        EXPECT_TRUE(receive(reply)) << "no reply to " << bytes.size() << " bytes";
+        return reply;
+    }
+    bool hasMore() {
+        Reply reply;
+        return recv(m_fd, reply.data(), reply.size(), MSG_DONTWAIT) >= 0;
+    }
+
+private:
+    int m_fd;
+};
+
+std::string slice(const Reply& reply, std::size_t from, std::size_t count) {
+    return std::string(reply.begin() + static_cast<long>(from), reply.begin() + static_cast<long>(from + count));
+}
+
+// Originate times of a reply: what the server read from bytes 8 to 15 of its buffer.
+std::string originate(const Reply& reply) {
+    return slice(reply, 8, 8);
+}
+
+class WCServer : public testing::Test {
+protected:
+    WCServer() {
+        m_port = UdpPeer().bindAnyPort();
+        std::string text = std::to_string(m_port) + "x";  // the sockets read the number only
+        m_server = std::make_unique<ZenkCSSWCServer>(text);
+        m_peer.connectTo(m_port);
+        seams::clearTrace();
+    }
+    ~WCServer() override {
+        if (m_thread.joinable()) stop();
+    }
+
+    void enable(bool on) {
+        std::atomic_ref(m_server->m_enableInterDevSync).store(static_cast<unsigned char>(on ? 1 : 0));
+    }
+    bool isBound() {
+        std::ostringstream line;
+        line << " 00000000:" << std::uppercase << std::hex << std::setw(4) << std::setfill('0') << m_port << ' ';
+        std::ifstream file("/proc/net/udp");
+        const std::string sockets{std::istreambuf_iterator<char>(file), {}};
+        return sockets.find(line.str()) != std::string::npos;
+    }
+    /// Runs the server on a thread until it is bound; `ready` waits for its first answer too and leaves zeros in its
+    /// receive buffer.
+    void start(bool ready = true) {
+        enable(ready);
+        m_hasEnded = false;
+        m_thread = std::thread([this] {
+            m_server->startWCServer();
+            m_hasEnded = true;
+        });
+        ASSERT_TRUE(waitFor([this] { return isBound(); }));
+        if (ready) m_peer.ask(std::string(200, '\0'));
+    }
+    bool join() {
+        const bool inTime = waitFor([this] { return m_hasEnded.load(); });
+        if (!inTime) std::abort();  // the thread cannot be left behind
+        m_thread.join();
+        return !isBound();
+    }
+    void stop() {
+        waitFor([this] {
+            m_server->stopWCServer();
+            return m_hasEnded.load();
+        });
+        EXPECT_TRUE(join());
+    }
+
+    int m_port;
+    std::unique_ptr<ZenkCSSWCServer> m_server;
+    UdpPeer m_peer;
+    std::thread m_thread;
+    std::atomic<bool> m_hasEnded{true};
+};
+
+TEST_F(WCServer, RepliesWithTheRequestsFieldsAndItsOwnTimes) {
+    start();
+    const std::string request = std::string("\x07\xC8\x11\x5A", 4) + "freqoriginatereceive!transmit";
+    // Receive time, two reads that measure 1000 ns, transmit time; then the same with 7 ns.
+    seams::scriptReads({{100, 0}, {1, 0}, {1, 1000}, {101, 999'999'999}});
+    const Reply first = m_peer.ask(request);
+    EXPECT_EQ(slice(first, 0, 8), std::string("\x07\x01\xED\x5A\x00\x00\x01\xF4", 8));
+    EXPECT_EQ(originate(first), "originat");
+    EXPECT_EQ(slice(first, 16, 4), std::string("\0\0\0\x64", 4));
+    EXPECT_EQ(slice(first, 24, 8), std::string("\0\0\0\x65\x3B\x9A\xC6\x18", 8));  // 999,999,000
+    seams::scriptReads({{102, 5555}, {1, 0}, {1, 7}, {103, 5555}});
+    const Reply second = m_peer.ask(request);
+    EXPECT_EQ(slice(second, 16, 8), std::string("\0\0\0\x66\0\0\x13\x88", 8)) << "cut by the earlier tick: 5000";
+    EXPECT_EQ(slice(second, 24, 8), std::string("\0\0\0\x67\0\0\x15\xAF", 8)) << "cut by its own tick: 5551";
+    EXPECT_EQ(seams::readsLeft(), 0u);
+}
+
+TEST_F(WCServer, ReadsShortDatagramsOverWhatEarlierOnesLeft) {
+    start();
+    EXPECT_EQ(originate(m_peer.ask("")), std::string(8, '\0'));
+    EXPECT_EQ(originate(m_peer.ask(std::string(128, 'A'))), "AAAAAAAA");
+    EXPECT_EQ(originate(m_peer.ask(std::string(10, 'b'))), "bbAAAAAA");
+    EXPECT_EQ(originate(m_peer.ask("")), "bbAAAAAA");
+    EXPECT_EQ(originate(m_peer.ask(std::string(4000, 'c'))), "cccccccc");
+    stop();
+    start(false);
+    enable(true);
+    EXPECT_EQ(originate(m_peer.ask("")), std::string(8, '\0')) << "cleared at the start";
+}
+
+TEST_F(WCServer, PrintsBothLinesAndStaysInsideItsBuffer) {
+    start();
+    testing::internal::CaptureStdout();
+    m_peer.ask(std::string(128, 'A'));
+    m_peer.ask(std::string(129, 'B'));
+    stop();
+    const std::string printed = testing::internal::GetCapturedStdout();
+    const std::string sent = "##MS## send msg to wc client, len=32\n";
+    const std::string expected = "##MS## receive msg from wc client, len=128,msg:" + std::string(128, 'A') + "\n" +
+                                 sent + "##MS## receive msg from wc client, len=128,msg:" + std::string(128, 'B') +
+                                 "\n" + sent;
+    EXPECT_EQ(printed.substr(0, expected.size()), expected);
+}
+
+TEST_F(WCServer, EndsAtTheWakeWordOnly) {
+    start();
+    m_peer.ask("quitwcx");
+    m_peer.ask("quitwc");  // an x follows it in the buffer still
+    m_peer.send(std::string("quitwc\0junk", 11));
+    EXPECT_TRUE(join());
+    EXPECT_FALSE(m_peer.hasMore());
+    start();
+    m_peer.send("quitwc");
+    EXPECT_TRUE(join());
+    EXPECT_EQ(seams::traceOf("startWCServer"), "EXLEXL");
+    m_server->stopWCServer();
+    EXPECT_EQ(seams::traceOf("stopWCServer"), "EX");
+}
+
+TEST_F(WCServer, StopsWhileAnsweringWhateverItsBufferHolds) {
+    for (const char left : {'\0', 'z'}) {
+        start();
+        m_peer.ask(std::string(32, left));
+        seams::clearTrace();
+        m_server->stopWCServer();
+        EXPECT_TRUE(join());
+        EXPECT_EQ(seams::traceOf("stopWCServer"), "EL");
+        EXPECT_EQ(seams::traceOf("startWCServer"), "XL");
+    }
+}
+
+TEST_F(WCServer, KeepsDatagramsWaitingWhileIdle) {
+    start(false);
+    m_peer.send(std::string(32, 'q'));
+    EXPECT_FALSE(m_peer.hasMore());
+    enable(true);
+    Reply reply;
+    ASSERT_TRUE(m_peer.receive(reply));
+    EXPECT_EQ(originate(reply), "qqqqqqqq");
+    enable(false);
+    for (int i = 0; i < 3; ++i) m_peer.send("");
+    stop();
+    EXPECT_FALSE(m_peer.hasMore() && m_peer.hasMore()) << "only the next datagram may still be answered";
+}
+
+TEST_F(WCServer, RefusesToStartWithoutTouchingAnything) {
+    ZenkCSSWCServer withoutPort;
+    withoutPort.startWCServer();
+    EXPECT_EQ(seams::traceOf("startWCServer"), "EX");
+    start();
+    seams::clearTrace();
+    m_server->startWCServer();
+    EXPECT_EQ(seams::traceOf("startWCServer"), "EX");
+    m_peer.ask("still here");
+    stop();
+    seams::clearTrace();
+
+    UdpPeer blocker;
+    std::string taken = std::to_string(blocker.bindAnyPort());
+    ZenkCSSWCServer blocked(taken);
+    blocked.startWCServer();
+    EXPECT_EQ(seams::traceOf("startWCServer"), "EX");
+}
+
+TEST_F(WCServer, EndsAtAReceiveFailureAndStartsAgain) {
+    struct sigaction interrupt {};
+    interrupt.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &interrupt, nullptr);  // without SA_RESTART
+    start();
+    EXPECT_TRUE(waitFor([this] {
+        if (!m_hasEnded) pthread_kill(m_thread.native_handle(), SIGUSR1);
+        return m_hasEnded.load();
+    }));
+    EXPECT_TRUE(join());
+    EXPECT_EQ(seams::traceOf("startWCServer"), "EX");
+    start();
+    stop();
+}
+
+TEST_F(WCServer, AnswersEachRequestOfManySocketsOnce) {
+    constexpr int kSockets = 8;
+    constexpr int kRounds = 500;
+    start();
+    std::vector<UdpPeer> peers(kSockets);
+    std::atomic<int> right{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kSockets; ++i) {
+        threads.emplace_back([&, i] {
+            UdpPeer& peer = peers[static_cast<std::size_t>(i)];
+            peer.connectTo(m_port);
+            for (int round = 0; round < kRounds; ++round) {
+                std::string mark = std::to_string(10'000'000 + i * kRounds + round);
+                if (originate(peer.ask(std::string(8, '\0') + mark)) == mark) ++right;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    stop();
+    EXPECT_EQ(right, kSockets * kRounds);
+    EXPECT_TRUE(std::none_of(peers.begin(), peers.end(), [](UdpPeer& peer) { return peer.hasMore(); }));
+}
+
+TEST_F(WCServer, APassAllocatesNothing) {
+    if (!kCountsAllocations) GTEST_SKIP() << "the sanitizer's allocator is not counted";
+    const std::string request(32, 'r');
+    start();
+    const long before = g_allocations;
+    EXPECT_NE(std::make_unique<std::string>(100, 'x'), nullptr);
+    ASSERT_GT(g_allocations, before) << "the counter counts";
+    m_peer.ask(request);
+    const long quiet = g_allocations;
+    for (int i = 0; i < 100; ++i) m_peer.ask(request);
+    EXPECT_EQ(g_allocations, quiet);
+}
+
+TEST_F(WCServer, PublishesItsPortTextOrLeavesTheUrlAlone) {
+    std::string url = "before";
+    seams::setLocalAddress("");
+    m_server->getCssWcEndpoint(url);
+    EXPECT_EQ(url, "before");
+    seams::setLocalAddress("192.168.100.100");
+    m_server->getCssWcEndpoint(url);
+    EXPECT_EQ(url, "udp://192.168.100.100:" + std::to_string(m_port) + "x");
+    EXPECT_EQ(seams::traceOf("getCssWcEndpoint"), "EXEL");
+}
+
+TEST_F(WCServer, TheLastOneBuiltIsTheInstance) {
+    EXPECT_EQ(ZenkCSSWCServer::m_instance, m_server.get());
+    { ZenkCSSWCServer other; }
+    EXPECT_EQ(ZenkCSSWCServer::m_instance, nullptr);
+    EXPECT_EQ(seams::traceOf("ZenkCSSWCServer"), "EL");
+    EXPECT_EQ(seams::traceOf("~ZenkCSSWCServer"), "EL");
+}
+
+}  // namespace
