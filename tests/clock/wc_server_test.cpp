@@ -17,6 +17,9 @@
 #include "tests/clock/seams.h"
 #include "wsserver/wall_clock.h"
 #include "wsserver/zenk_dvbCss.h"
+#ifdef ZENK_WCPROBE
+#include <nlohmann/json.hpp>
+#endif
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kCountsAllocations = false;  // the sanitizer's allocator stands in the way
@@ -333,6 +336,29 @@ TEST_F(WCServer, PublishesItsPortTextOrLeavesTheUrlAlone) {
     EXPECT_EQ(url, "udp://192.168.100.100:" + std::to_string(m_port) + "x");
     EXPECT_EQ(seams::traceOf("getCssWcEndpoint"), "EXEL");
 }
+
+#ifdef ZENK_WCPROBE
+/// Runs the probe; @return its standard output and exit code.
+std::pair<std::string, int> runProbe(const std::string& arguments) {
+    FILE* const probe = popen((ZENK_WCPROBE " " + arguments + " 2>/dev/null").c_str(), "r");
+    std::string output;
+    for (int c; (c = std::fgetc(probe)) != EOF;) output += static_cast<char>(c);
+    return {output, WEXITSTATUS(pclose(probe))};
+}
+
+TEST_F(WCServer, TheProbeFindsNoMoreOffsetThanItsDispersionOnOneMachine) {
+    const std::string arguments = "udp://127.0.0.1:" + std::to_string(m_port) + " --count 30 --interval 1 --json";
+    EXPECT_EQ(runProbe(arguments + " --timeout 1").second, 1) << "nothing answers";
+    EXPECT_EQ(runProbe("127.0.0.1 --json").second, 2) << "no port";
+    start();
+    const auto [output, exitCode] = runProbe(arguments);
+    ASSERT_EQ(exitCode, 0);
+    const nlohmann::json report = nlohmann::json::parse(output);
+    EXPECT_EQ(report["answered"].get<int>() + report["lost"].get<int>(), 30);
+    EXPECT_LT(std::abs(report["offset_ns"].get<double>()), report["dispersion_ns"].get<double>());
+    EXPECT_EQ(report["server_clock"]["max_freq_error"], 500);
+}
+#endif
 
 TEST_F(WCServer, TheLastOneBuiltIsTheInstance) {
     EXPECT_EQ(ZenkCSSWCServer::m_instance, m_server.get());
