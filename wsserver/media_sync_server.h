@@ -196,8 +196,7 @@ private:
     friend class ClientObserver;
     class ObserverWalk;
 
-    int nextClientId() ZENK_REQUIRES(m_registryMutex);
-    void registerConnection(int socketFd, const std::string& uri, int& clientId);
+    int registerConnection(int socketFd, const std::string& uri);
     int forgetConnection(int socketFd);
     int clientIdOf(int socketFd);
     const char* urlOf(int clientId);
