@@ -1,0 +1,261 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+#include "tests/server/front_end.h"
+#include "tests/support/allocation_count.h"
+#include "wsserver/paired_apps.h"
+
+namespace {
+
+using zenk_test::Action;
+using zenk_test::takeActions;
+using zenk_test::takeTrace;
+using zenk_test::Trace;
+using Actions = std::vector<Action>;
+
+Action text(lws* wsi, const std::string& bytes) {
+    return {Action::kWrite, wsi, 0, bytes};
+}
+Action goodbye(lws* wsi) {
+    return {Action::kClose, wsi, 1000, ""};
+}
+Actions completed(lws* local, lws* remote) {
+    return {text(local, "pairingcompleted"), text(remote, "pairingcompleted")};
+}
+
+class Pairing : public zenk_test::FrontEnd {
+protected:
+    Pairing() { server.enablePairing = true; }
+    lws* local(const std::string& rest) { return connect("/local/hbbtv/" + rest); }
+    lws* remote(const std::string& rest) { return connect("/remote/hbbtv/" + rest); }
+};
+
+TEST(PairingUri, IsCutIntoSideAndEndpoint) {
+    const struct {
+        const char* uri;
+        PairSide side;
+        const char* endpoint;
+    } cases[] = {{"/local/hbbtv/token/name", PairSide::kLocal, "/name"},
+                 {"/remote/hbbtv/token/name", PairSide::kRemote, "/name"},
+                 {"/local/hbbtv/token/name/more/", PairSide::kLocal, "/name/more/"},
+                 {"/local/hbbtv/name", PairSide::kLocal, "name"},
+                 {"/local/hbbtv/token/", PairSide::kLocal, "/"},
+                 {"/local/hbbtv/", PairSide::kLocal, ""},
+                 {"/local/hbbtv//hbbtv/x", PairSide::kLocal, "/hbbtv/x"},
+                 {"/local/hbbtv/name?a=b/c", PairSide::kLocal, "/c"},
+                 {"/remote/hbbtv/token/name?x", PairSide::kRemote, "/name?x"},
+                 {"", PairSide::kLocal, ""},
+                 {"/hbbtv/remote", PairSide::kLocal, "remote"},
+                 {"/remote", PairSide::kRemote, ""}};
+    for (const auto& [uri, side, endpoint] : cases) {
+        const PairingUri cut = cutPairingUri(uri);
+        EXPECT_EQ(cut.side, side) << uri;
+        EXPECT_EQ(cut.endpoint, endpoint) << uri;
+    }
+}
+
+TEST_F(Pairing, JoinsTwoSidesOfOneEndpointAndRelaysBothWays) {
+    lws* const tv = local("token/app");
+    message(tv, "too early");
+    EXPECT_EQ(takeActions(), Actions{}) << "a side without a partner is heard by nobody";
+    lws* const phone = remote("other/app");
+    EXPECT_EQ(takeActions(), completed(tv, phone));
+    message(tv, "to phone");
+    message(phone, std::string("\0b", 2), true);
+    message(phone, "");
+    EXPECT_EQ(takeActions(),
+              (Actions{text(phone, "to phone"), {Action::kWrite, tv, 1, std::string("\0b", 2)}, text(tv, "")}));
+
+    lws* const waitingPhone = remote("t/second");
+    lws* const lateTv = local("t/second");
+    EXPECT_EQ(takeActions(), completed(lateTv, waitingPhone)) << "the local side hears first, whoever came last";
+    lws* const third = local("token/app");
+    message(third, "hello?");
+    EXPECT_EQ(takeActions(), Actions{}) << "a third connection waits and disturbs nobody";
+    message(tv, "undisturbed");
+    EXPECT_EQ(takeActions(), Actions{text(phone, "undisturbed")});
+}
+
+TEST_F(Pairing, TakesEndpointsByteForByte) {
+    for (const char* other : {"name", "t/name?q", "t/nam", "t/name/", "t/Name", ""}) {
+        local("t/name");
+        remote(other);
+        EXPECT_EQ(takeActions(), Actions{}) << other;
+    }
+    lws* const tv = local("");
+    EXPECT_EQ(takeActions().size(), 2u) << "nothing behind the prefix is an endpoint too";
+    EXPECT_EQ(close(tv), 0);
+}
+
+TEST_F(Pairing, ClosesThePartnerAndEndsTheRecordWithIt) {
+    for (const bool localFirst : {true, false}) {
+        lws* const tv = local("t/app");
+        lws* const phone = remote("t/app");
+        lws* const first = localFirst ? tv : phone;
+        lws* const second = localFirst ? phone : tv;
+        takeActions();
+        EXPECT_EQ(close(first), 0);
+        EXPECT_EQ(takeActions(), Actions{goodbye(second)});
+        message(second, "anyone?");
+        EXPECT_EQ(close(second), 0);
+        EXPECT_EQ(takeActions(), Actions{});
+    }
+    lws* const alone = local("t/app");
+    EXPECT_EQ(close(alone), 0);
+    remote("t/app");
+    EXPECT_EQ(takeActions(), Actions{}) << "nothing is left of the earlier records";
+}
+
+TEST_F(Pairing, OldestWaitingRecordComesFirstAndKeepsItsPlace) {
+    lws* const tv1 = local("t/app");
+    lws* const tv2 = local("t/app");
+    lws* const phone1 = remote("t/app");
+    EXPECT_EQ(takeActions(), completed(tv1, phone1));
+    // The remaining side of the older record is asked to close, but until it has, it is the first to qualify.
+    close(phone1);
+    lws* const phone2 = remote("t/app");
+    EXPECT_EQ(takeActions(), (Actions{goodbye(tv1), text(tv1, "pairingcompleted"), text(phone2, "pairingcompleted")}));
+    close(tv1);
+    EXPECT_EQ(takeActions(), Actions{goodbye(phone2)});
+    close(phone2);
+    lws* const phone3 = remote("t/app");
+    EXPECT_EQ(takeActions(), completed(tv2, phone3));
+}
+
+TEST_F(Pairing, SwitchedOffItKeepsRecordsButSaysNothing) {
+    server.enablePairing = false;
+    lws* const tv = local("t/app");
+    lws* const phone = remote("t/app");
+    takeTrace();
+    message(tv, "dropped");
+    EXPECT_EQ(takeTrace(),
+              (Trace{"> onMessage", "> handlePairingMsg", "handlePairingMsg: enablePairing=0", "! onMessage"}));
+    EXPECT_EQ(takeActions(), Actions{});
+    server.enablePairing = true;
+    message(tv, "relayed");
+    EXPECT_EQ(takeActions(), Actions{text(phone, "relayed")});
+    server.enablePairing = false;
+    close(tv);
+    EXPECT_EQ(takeActions(), Actions{goodbye(phone)});
+}
+
+TEST_F(Pairing, TracesItsSteps) {
+    lws* const phone = remote("t/app");
+    takeTrace();
+    lws* const tv = local("t/app");
+    EXPECT_EQ(takeTrace(),
+              (Trace{"> onFilterConnection", "> onConnect", "onConnect: fulluri.c_str()=/local/hbbtv/t/app",
+                     "> handlePairingConnection", "handlePairingConnection: endpoint.c_str()=/app",
+                     "handlePairingConnection: \"local paired\"=local paired", "< handlePairingConnection"}));
+    message(tv, "x");
+    EXPECT_EQ(takeTrace(), (Trace{"> onMessage", "> handlePairingMsg", "< handlePairingMsg", "! onMessage"}));
+    close(tv);
+    EXPECT_EQ(takeTrace(), (Trace{"> onClose", "> handlePairingClose", "< handlePairingClose", "< onClose"}));
+    remote("t/b");
+    local("t/b");
+    takeTrace();
+    close(phone);
+    EXPECT_EQ(server.handlePairingMsg(nullptr, 0, 4711, false), 0);
+    EXPECT_EQ(server.handlePairingClose(0), 0) << "an absent side is no socket";
+}
+
+/// The rules written as plain walks over the list.
+struct PlainPairing {
+    struct Record {
+        std::string endpoint;
+        int fd[2] = {0, 0};
+        lws* wsi[2] = {nullptr, nullptr};
+        bool isPaired = false;
+    };
+    std::vector<Record> list;
+    Actions actions;
+
+    void connect(const std::string& endpoint, int side, int fd, lws* wsi) {
+        for (Record& r : list) {
+            if (r.endpoint != endpoint || r.isPaired || r.fd[1 - side] == 0 || r.wsi[1 - side] == nullptr) continue;
+            r.isPaired = true;
+            r.fd[side] = fd;
+            r.wsi[side] = wsi;
+            for (lws* each : r.wsi) actions.push_back(text(each, "pairingcompleted"));
+            return;
+        }
+        Record& r = list.emplace_back();
+        r.endpoint = endpoint;
+        r.fd[side] = fd;
+        r.wsi[side] = wsi;
+    }
+    std::vector<Record>::iterator find(int fd) {
+        return std::find_if(list.begin(), list.end(), [fd](Record& r) { return r.fd[0] == fd || r.fd[1] == fd; });
+    }
+    int message(int fd, const std::string& bytes) {
+        const auto r = find(fd);
+        if (r == list.end()) return 0;
+        if (r->fd[0] == fd && r->wsi[1] != nullptr) actions.push_back(text(r->wsi[1], bytes));
+        if (r->fd[1] == fd && r->wsi[0] != nullptr) actions.push_back(text(r->wsi[0], bytes));
+        return 1;
+    }
+    int close(int fd) {
+        const auto r = find(fd);
+        if (r == list.end()) return 0;
+        const int side = r->fd[0] == fd ? 0 : 1;
+        if ((r->fd[0] == fd && r->wsi[1] == nullptr) || (r->fd[1] == fd && r->wsi[0] == nullptr)) {
+            list.erase(r);
+            return 1;
+        }
+        r->fd[side] = 0;
+        r->wsi[side] = nullptr;
+        r->isPaired = false;
+        actions.push_back(goodbye(r->wsi[1 - side]));
+        return 1;
+    }
+};
+
+// Sockets and endpoints are few, so that one socket often stands in several records, or on both sides of one.
+TEST_F(Pairing, MatchesThePlainWalkInRandomSequences) {
+    std::mt19937 random(20240607);
+    const auto draw = [&random](int count) { return static_cast<int>(random() % static_cast<unsigned>(count)); };
+    std::vector<lws*> connections;
+    for (int i = 0; i < 8; ++i) connections.push_back(zenk_test::openConnection(i, ""));
+    PlainPairing plain;
+    std::size_t longest = 0;
+    for (int step = 0; step < 20000; ++step) {
+        const int fd = 1 + draw(step % 2000 < 1000 ? 200 : 12);
+        const int side = draw(2);
+        const std::string endpoint = "/" + std::to_string(draw(4));
+        lws* const wsi = draw(50) == 0 ? nullptr : connections[static_cast<std::size_t>(draw(8))];
+        switch (draw(3)) {
+            case 0:
+                plain.connect(endpoint, side, fd, wsi);
+                server.handlePairingConnection((side == 0 ? "/local/hbbtv/t" : "/remote/hbbtv/t") + endpoint, fd, wsi);
+                break;
+            case 1:
+                ASSERT_EQ(
+                    server.handlePairingMsg(reinterpret_cast<unsigned char*>(const_cast<char*>("m")), 1, fd, false),
+                    plain.message(fd, "m"));
+                break;
+            default:
+                ASSERT_EQ(server.handlePairingClose(fd), plain.close(fd));
+        }
+        ASSERT_EQ(takeActions(), std::exchange(plain.actions, {})) << "step " << step;
+        longest = std::max(longest, plain.list.size());
+    }
+    EXPECT_GT(longest, 30u);
+}
+
+TEST_F(Pairing, RelaysWithoutAllocating) {
+    lws* const tv = local("t/app");
+    remote("t/app");
+    std::string bytes(100, 'x');
+    server.m_wsi = tv;
+    zenk_test::setTracing(false);
+    zenk_test::setRecording(false);
+    const std::size_t before = zenk_test::allocationCount();
+    for (int i = 0; i < 100; ++i) server.onMessage(reinterpret_cast<unsigned char*>(bytes.data()), 100, false);
+    EXPECT_EQ(zenk_test::allocationCount(), before);
+    zenk_test::setTracing(true);
+}
+
+}  // namespace
