@@ -1,6 +1,7 @@
 #include "wsserver/zenk_dvbCss.h"
 
 #include <arpa/inet.h>
+#include <cxxabi.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,15 +14,595 @@
 #include <exception>
 #include <limits>
 #include <new>
+#include <utility>
 
+#include "wsserver/css_event_line.h"
 #include "wsserver/trace.h"
 #include "wsserver/wall_clock.h"
 
 // ---------------------------------------------------------------- event dispatcher
 
+ZenkCSSEventDispatcher* ZenkCSSEventDispatcher::m_instance = nullptr;
+
+/// The dispatcher of the process, created here if there is none.
+ZenkCSSEventDispatcher* sharedEventDispatcher() {
+    ZenkCSSEventDispatcher* dispatcher = nullptr;
+    zenk::CssEventLine::join(dispatcher);
+    return dispatcher;
+}
+
+namespace {
+
+/// Whether a cancellation may take effect on this thread, from construction to destruction.
+class Cancellation {
+public:
+    explicit Cancellation(int state) { pthread_setcancelstate(state, &m_before); }
+    ~Cancellation() { pthread_setcancelstate(m_before, nullptr); }
+    Cancellation(const Cancellation&) = delete;
+    Cancellation& operator=(const Cancellation&) = delete;
+
+private:
+    int m_before = PTHREAD_CANCEL_ENABLE;
+};
+
+void endHereIfCancelled() {
+    const Cancellation allowed(PTHREAD_CANCEL_ENABLE);
+    pthread_testcancel();
+}
+
+/// Tells the line when the event thread leaves it, by whatever way: the end of the loop, a cancellation, or a callback
+/// that ends its thread.
+class LineUse {
+public:
+    using Ending = void (zenk::CssEventLine::*)();
+
+    LineUse(std::shared_ptr<zenk::CssEventLine> line, Ending ending) : m_line(std::move(line)), m_ending(ending) {}
+    ~LineUse() {
+        if (m_line != nullptr) ((*m_line).*m_ending)();
+    }
+    LineUse(const LineUse&) = delete;
+    LineUse& operator=(const LineUse&) = delete;
+
+    zenk::CssEventLine* operator->() const { return m_line.get(); }
+
+private:
+    const std::shared_ptr<zenk::CssEventLine> m_line;
+    const Ending m_ending;
+};
+
+// The message moves on: nobody else looks at the record any more.
+void deliver(ZenkDispatcherInfo& record) {
+    if (record.server == nullptr) return;
+    ZenkCSSEevntInfo info{record.clientId, std::move(record.message)};
+    if (record.event <= CSS_EVENT_CII_CLIENT_LEAVE) {
+        static_cast<ZenkCSSCIIServer*>(record.server)->dispatchEventToMS(record.event, &info);
+    } else if (record.event <= CSS_EVENT_TS_CLIENT_LEAVE) {
+        static_cast<ZenkCSSTSServer*>(record.server)->dispatchEventToMS(record.event, &info);
+    }
+}
+
+// A callback that throws loses its event only. The unwinding of a thread that ends must go on to the thread's bottom.
+void deliverAndContain(ZenkDispatcherInfo& record) {
+    try {
+        deliver(record);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+    }
+}
+
+}  // namespace
+
+ZenkCSSEventDispatcher::ZenkCSSEventDispatcher()
+    : m_threadId(0), m_keepRunning(true), m_isWakeWanted(false), m_line(std::make_shared<zenk::CssEventLine>(*this)) {
+    ZENK_TRACE_ENTER();
+    std::atomic_ref(m_instance).store(this);
+    startEventThread();
+    ZENK_TRACE_LEAVE();
+}
+
+ZenkCSSEventDispatcher::~ZenkCSSEventDispatcher() {
+    ZENK_TRACE_ENTER();
+    zenk::CssEventLine::leaveInstance(*this);
+    m_threadId = 0;
+    m_keepRunning = false;
+    wake();
+    discardRecords(nullptr);
+    m_line->close();
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSEventDispatcher::startEventThread() {
+    ZENK_TRACE_ENTER();
+    m_threadId = m_line->startThread();
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSEventDispatcher::stopEventThread() {
+    ZENK_TRACE_ENTER();
+    if (m_threadId != 0) m_line->cancelThread();
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSEventDispatcher::queueEvent(ZenkDispatcherInfo* info) {
+    ZENK_TRACE_ENTER();
+    if (info == nullptr) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    try {
+        auto record = std::make_unique<ZenkDispatcherInfo>(*info);
+        const zenk::MutexLock lock(m_queueMutex);
+        m_queue.push_back(record.get());
+        record.release();
+    } catch (const std::exception&) {
+        ZENK_TRACE_ERROR();  // no memory: this event is lost
+        return;
+    }
+    wake();
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSEventDispatcher::processEvent() {
+    ZENK_TRACE_ENTER();
+    // From the first delivery on this object may be gone, destroyed by a callback, unless the line says otherwise.
+    const LineUse line(m_line, &zenk::CssEventLine::endCall);
+    if (m_keepRunning) {
+        do {
+            endHereIfCancelled();
+            while (const std::unique_ptr<ZenkDispatcherInfo> record = line->beginCall()) {
+                deliverAndContain(*record);
+                endHereIfCancelled();
+            }
+        } while (line->isOpen() && waitForWake());
+    }
+    ZENK_TRACE_ERROR();
+    ZENK_TRACE_LEAVE();
+}
+
+// One signal for a burst: as long as the flag stands, the thread has not looked at the queue since.
+void ZenkCSSEventDispatcher::wake() {
+    const std::lock_guard lock(m_wakeMutex);
+    if (std::exchange(m_isWakeWanted, true)) return;
+    m_wakeCond.notify_one();
+}
+
+/// Returns at once when something was queued since the last call. @return whether to go on
+bool ZenkCSSEventDispatcher::waitForWake() {
+    std::unique_lock lock(m_wakeMutex);
+    const Cancellation allowed(PTHREAD_CANCEL_ENABLE);
+    m_wakeCond.wait(lock, [this] { return m_isWakeWanted; });
+    m_isWakeWanted = false;
+    return m_keepRunning;
+}
+
+std::unique_ptr<ZenkDispatcherInfo> ZenkCSSEventDispatcher::takeRecord() {
+    const zenk::MutexLock lock(m_queueMutex);
+    if (m_queue.empty()) return nullptr;
+    std::unique_ptr<ZenkDispatcherInfo> record(m_queue.front());
+    m_queue.pop_front();
+    return record;
+}
+
+/// Releases the queued records of one server, or all of them if `server` is null.
+void ZenkCSSEventDispatcher::discardRecords(const void* server) {
+    const zenk::MutexLock lock(m_queueMutex);
+    std::erase_if(m_queue, [server](ZenkDispatcherInfo* record) {
+        if (server != nullptr && record->server != server) return false;
+        delete record;
+        return true;
+    });
+}
+
+void* cssEventThread(void* argument) {
+    // Only processEvent() lets a cancellation in, where no lock is held and no callback runs.
+    const Cancellation forbidden(PTHREAD_CANCEL_DISABLE);
+    auto* const dispatcher = static_cast<ZenkCSSEventDispatcher*>(argument);
+    // Outlives the last trace line, so that the dispatcher's destructor has the last word.
+    const LineUse line(dispatcher != nullptr ? dispatcher->m_line : nullptr, &zenk::CssEventLine::threadEnds);
+    ZENK_TRACE_ENTER();
+    if (dispatcher != nullptr) dispatcher->processEvent();
+    ZENK_TRACE_LEAVE();
+    return nullptr;
+}
+
+// What both servers do in the same way.
+namespace {
+
+constexpr int kEveryClient = -1;
+
+/// Prints the limit, and `refusal` too when the list is full.
+bool hasRoom(const zenk::CssClientList& clients, std::int32_t limit, const char* refusal) {
+    std::printf("m_maxClientNum = %d\n", limit);
+    if (!clients.holds(limit)) return true;
+    std::puts(refusal);
+    return false;
+}
+
+/// Copies `length` bytes; throws when it is negative.
+std::string copyMessage(const unsigned char* message, int length) {
+    return {reinterpret_cast<const char*>(message), static_cast<std::size_t>(length)};
+}
+
+/// Takes one id, or all of them for -1, out of the list, and then closes what was taken out.
+/// @return kRemoved for a single id only
+zenk::CssClientList::Removal removeAndClose(zenk::CssClientList& clients, ClientObserver& server, int clientId) {
+    using Removal = zenk::CssClientList::Removal;
+    if (clientId != kEveryClient) {
+        const Removal removal = clients.remove(clientId);
+        if (removal == Removal::kRemoved) server.closeClientConnection(clientId);
+        return removal;
+    }
+    const std::vector<std::int32_t> taken = clients.takeAll();
+    for (const std::int32_t id : taken) server.closeClientConnection(id);
+    return taken.empty() ? Removal::kListWasEmpty : Removal::kNotInList;
+}
+
+/// Leaves both sides that call the server; after this nobody does.
+void disconnect(MediaSyncServer* webSocketServer, ClientObserver& observer, zenk::CssEventLine& line,
+                const void* server) {
+    if (webSocketServer != nullptr) webSocketServer->removeObserver(&observer);
+    line.detach(server);
+}
+
+}  // namespace
+
 // ---------------------------------------------------------------- CSS-CII server
 
+ZenkCSSCIIServer* ZenkCSSCIIServer::m_instance = nullptr;
+
+ZenkCSSCIIServer::ZenkCSSCIIServer() {
+    ZENK_TRACE_ENTER();
+    setUp();
+    ZENK_TRACE_LEAVE();
+}
+
+ZenkCSSCIIServer::ZenkCSSCIIServer(std::string& initString) : m_initString(initString) {
+    ZENK_TRACE_ENTER();
+    setUp();
+    ZENK_TRACE_LEAVE();
+}
+
+// No trace of its own, so that each constructor writes its two lines once.
+void ZenkCSSCIIServer::setUp() {
+    std::atomic_ref(m_instance).store(this);
+    m_line = zenk::CssEventLine::join(m_dispatcher);
+    m_maxClientNum = zenk::readCssClientLimit();
+    std::printf("CII m_maxClientNum = %d\n", m_maxClientNum);
+}
+
+ZenkCSSCIIServer::~ZenkCSSCIIServer() {
+    ZENK_TRACE_ENTER();
+    disconnect(std::atomic_ref(m_server).load(), *this, *m_line, this);
+    m_dispatcher = nullptr;
+    {
+        const zenk::MutexLock lock(m_mutex);
+        m_eventCallback = nullptr;
+        m_eventUserData = nullptr;
+    }
+    m_enableInterDevSync = false;
+    std::atomic_ref(m_instance).store(nullptr);
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSCIIServer::onNewClient(char* uri, int clientId) try {
+    ZENK_TRACE_ENTER();
+    if (uri == nullptr || ciiClientIdExists(clientId) != 0) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    if (!hasRoom(m_clientIds, m_maxClientNum, "CII Client num reach max number, can't connect")) return;
+    const std::string requrl(uri);
+    ZENK_TRACE_STRING("requrl", requrl.c_str());
+    if (requrl.find("/css-cii") != std::string::npos) {
+        addCiiClientId(clientId);
+        post(CSS_EVENT_CII_NEW_CLIENT, clientId, {});
+    }
+    ZENK_TRACE_LEAVE();
+} catch (const std::exception&) {
+    ZENK_TRACE_ERROR();
+}
+
+void ZenkCSSCIIServer::onMessage(unsigned char* message, int length, int clientId) try {
+    ZENK_TRACE_ENTER();
+    if (message == nullptr || ciiClientIdExists(clientId) == 0) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    std::string msg = copyMessage(message, length);
+    ZENK_TRACE_STRING("msg", msg.c_str());
+    post(CSS_EVENT_CII_MESSAGE, clientId, std::move(msg));
+    ZENK_TRACE_LEAVE();
+} catch (const std::exception&) {
+    ZENK_TRACE_ERROR();
+}
+
+// The place becomes free before the host hears of it, so that a host that answers at once sees the list without it.
+void ZenkCSSCIIServer::onClientLeave(int clientId) {
+    ZENK_TRACE_ENTER();
+    if (ciiClientIdExists(clientId) == 0 || m_clientIds.remove(clientId) != zenk::CssClientList::Removal::kRemoved) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    post(CSS_EVENT_CII_CLIENT_LEAVE, clientId, {});
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSCIIServer::post(ZenkCSSEvent event, int clientId, std::string message) {
+    if (m_dispatcher != nullptr) m_line->post({event, this, clientId, std::move(message)});
+}
+
+int ZenkCSSCIIServer::getCssServerStatus() {
+    ZENK_TRACE_ENTER();
+    if (!m_enableInterDevSync) return 1;
+    if (m_clientIds.holds(m_maxClientNum)) return 2;
+    ZENK_TRACE_LEAVE();
+    return 0;
+}
+
+void ZenkCSSCIIServer::registerCIIEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*),
+                                                void const* userData) {
+    ZENK_TRACE_ENTER();
+    {
+        const zenk::MutexLock lock(m_mutex);
+        m_eventCallback = callback;
+        m_eventUserData = userData;
+    }
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSCIIServer::unRegisterCIIEventCallback() {
+    ZENK_TRACE_ENTER();
+    {
+        const zenk::MutexLock lock(m_mutex);
+        m_eventCallback = nullptr;
+        m_eventUserData = nullptr;
+    }
+    ZENK_TRACE_LEAVE();
+}
+
+// Emptied before the closing: a client that connects in between is then listed and closed like any other, and one that
+// connects later is listed.
+void ZenkCSSCIIServer::setEnableInterDevSync(bool enable) {
+    ZENK_TRACE_ENTER();
+    m_enableInterDevSync = enable;
+    if (!enable) {
+        m_clientIds.takeAll();
+        closeClientConnection(kEveryClient);
+    }
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSCIIServer::getCssCiiEndpoint(std::string& endpoint) try {
+    ZENK_TRACE_ENTER();
+    std::string url;
+    MediaSyncServer::getInstance()->getInterDevSyncUrl(url);
+    endpoint = url;
+    ZENK_TRACE_STRING("url.c_str()", url.c_str());
+    ZENK_TRACE_LEAVE();
+} catch (const std::exception&) {
+    ZENK_TRACE_ERROR();
+}
+
+int ZenkCSSCIIServer::addCiiClientId(int clientId) try {
+    ZENK_TRACE_ENTER();
+    if (!m_clientIds.add(clientId)) {
+        ZENK_TRACE_ERROR();
+        return 0;
+    }
+    ZENK_TRACE_LEAVE();
+    return 1;
+} catch (const std::exception&) {
+    ZENK_TRACE_ERROR();
+    return 0;
+}
+
+// The close event of a client that is closed here finds its id gone, and so makes no event.
+int ZenkCSSCIIServer::removeCiiClientId(int clientId) {
+    using Removal = zenk::CssClientList::Removal;
+    ZENK_TRACE_ENTER();
+    const Removal removal = removeAndClose(m_clientIds, *this, clientId);
+    if (removal == Removal::kListWasEmpty) ZENK_TRACE_ERROR();
+    return removal == Removal::kRemoved ? 1 : 0;
+}
+
+int ZenkCSSCIIServer::ciiClientIdExists(int clientId) {
+    ZENK_TRACE_ENTER();
+    const bool isListed = m_clientIds.contains(clientId);
+    ZENK_TRACE_LEAVE();
+    return isListed ? 1 : 0;
+}
+
+void ZenkCSSCIIServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info) {
+    ZENK_TRACE_ENTER();
+    if (!m_enableInterDevSync) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    {
+        const zenk::MutexLock lock(m_mutex);
+        if (m_eventCallback != nullptr && m_eventUserData != nullptr) m_eventCallback(event, info, m_eventUserData);
+    }
+    ZENK_TRACE_LEAVE();
+}
+
 // ---------------------------------------------------------------- CSS-TS server
+
+ZenkCSSTSServer* ZenkCSSTSServer::m_instance = nullptr;
+
+ZenkCSSTSServer::ZenkCSSTSServer() {
+    ZENK_TRACE_ENTER();
+    setUp();
+    ZENK_TRACE_LEAVE();
+}
+
+ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) : m_initString(initString) {
+    ZENK_TRACE_ENTER();
+    setUp();
+    ZENK_TRACE_LEAVE();
+}
+
+// No trace of its own, so that each constructor writes its two lines once.
+void ZenkCSSTSServer::setUp() {
+    std::atomic_ref(m_instance).store(this);
+    m_line = zenk::CssEventLine::join(m_dispatcher);
+    m_maxClientNum = zenk::readCssClientLimit();
+    std::printf("TS m_maxClientNum = %d\n", m_maxClientNum);
+}
+
+ZenkCSSTSServer::~ZenkCSSTSServer() {
+    ZENK_TRACE_ENTER();
+    disconnect(std::atomic_ref(m_server).load(), *this, *m_line, this);
+    m_dispatcher = nullptr;
+    {
+        const zenk::MutexLock lock(m_mutex);
+        m_eventCallback = nullptr;
+        m_eventUserData = nullptr;
+    }
+    m_enableInterDevSync = false;
+    std::atomic_ref(m_instance).store(nullptr);
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSTSServer::onNewClient(char* uri, int clientId) try {
+    ZENK_TRACE_ENTER();
+    if (uri == nullptr || tsClientIdExists(clientId) != 0) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    if (!hasRoom(m_clientIds, m_maxClientNum, "TS Client num reach max number, can't connect")) return;
+    const std::string requrl(uri);
+    ZENK_TRACE_STRING("requrl", requrl.c_str());
+    if (requrl.find("/css-ts") != std::string::npos) {
+        addTsClientId(clientId);
+        post(CSS_EVENT_TS_NEW_CLIENT, clientId, {});
+    }
+    ZENK_TRACE_LEAVE();
+} catch (const std::exception&) {
+    ZENK_TRACE_ERROR();
+}
+
+void ZenkCSSTSServer::onMessage(unsigned char* message, int length, int clientId) try {
+    ZENK_TRACE_ENTER();
+    if (message == nullptr || tsClientIdExists(clientId) == 0) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    std::string msg = copyMessage(message, length);
+    ZENK_TRACE_STRING("msg", msg.c_str());
+    post(CSS_EVENT_TS_MESSAGE, clientId, std::move(msg));
+    ZENK_TRACE_LEAVE();
+} catch (const std::exception&) {
+    ZENK_TRACE_ERROR();
+}
+
+// The place becomes free before the host hears of it, so that a host that answers at once sees the list without it.
+void ZenkCSSTSServer::onClientLeave(int clientId) {
+    ZENK_TRACE_ENTER();
+    if (tsClientIdExists(clientId) == 0 || m_clientIds.remove(clientId) != zenk::CssClientList::Removal::kRemoved) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    post(CSS_EVENT_TS_CLIENT_LEAVE, clientId, {});
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSTSServer::post(ZenkCSSEvent event, int clientId, std::string message) {
+    if (m_dispatcher != nullptr) m_line->post({event, this, clientId, std::move(message)});
+}
+
+int ZenkCSSTSServer::getCssServerStatus() {
+    ZENK_TRACE_ENTER();
+    if (!m_enableInterDevSync) return 1;
+    if (m_clientIds.holds(m_maxClientNum)) return 2;
+    ZENK_TRACE_LEAVE();
+    return 0;
+}
+
+void ZenkCSSTSServer::registerTSEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*),
+                                              void const* userData) {
+    ZENK_TRACE_ENTER();
+    {
+        const zenk::MutexLock lock(m_mutex);
+        m_eventCallback = callback;
+        m_eventUserData = userData;
+    }
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSTSServer::unRegisterTSEventCallback() {
+    ZENK_TRACE_ENTER();
+    {
+        const zenk::MutexLock lock(m_mutex);
+        m_eventCallback = nullptr;
+        m_eventUserData = nullptr;
+    }
+    ZENK_TRACE_LEAVE();
+}
+
+// Emptied before the closing: a client that connects in between is then listed and closed like any other, and one that
+// connects later is listed.
+void ZenkCSSTSServer::setEnableInterDevSync(bool enable) {
+    ZENK_TRACE_ENTER();
+    m_enableInterDevSync = enable;
+    if (!enable) {
+        m_clientIds.takeAll();
+        closeClientConnection(kEveryClient);
+    }
+    ZENK_TRACE_LEAVE();
+}
+
+void ZenkCSSTSServer::getCssTsEndpoint(std::string& endpoint) try {
+    ZENK_TRACE_ENTER();
+    std::string url;
+    MediaSyncServer::getInstance()->getCssTsEndpoint(url);
+    endpoint = url;
+    ZENK_TRACE_STRING("url.c_str()", url.c_str());
+    ZENK_TRACE_LEAVE();
+} catch (const std::exception&) {
+    ZENK_TRACE_ERROR();
+}
+
+int ZenkCSSTSServer::addTsClientId(int clientId) try {
+    ZENK_TRACE_ENTER();
+    return m_clientIds.add(clientId) ? 1 : 0;
+} catch (const std::exception&) {
+    ZENK_TRACE_ERROR();
+    return 0;
+}
+
+// The close event of a client that is closed here finds its id gone, and so makes no event.
+int ZenkCSSTSServer::removeTsClientId(int clientId) {
+    using Removal = zenk::CssClientList::Removal;
+    ZENK_TRACE_ENTER();
+    const Removal removal = removeAndClose(m_clientIds, *this, clientId);
+    if (removal == Removal::kListWasEmpty) {
+        ZENK_TRACE_ERROR();
+        return 0;
+    }
+    if (removal == Removal::kRemoved) return 1;
+    ZENK_TRACE_LEAVE();
+    return 0;
+}
+
+int ZenkCSSTSServer::tsClientIdExists(int clientId) {
+    ZENK_TRACE_ENTER();
+    const bool isListed = m_clientIds.contains(clientId);
+    return isListed ? 1 : 0;
+}
+
+void ZenkCSSTSServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info) {
+    ZENK_TRACE_ENTER();
+    if (!m_enableInterDevSync) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
+    {
+        const zenk::MutexLock lock(m_mutex);
+        if (m_eventCallback != nullptr && m_eventUserData != nullptr) m_eventCallback(event, info, m_eventUserData);
+    }
+    ZENK_TRACE_LEAVE();
+}
 
 // ---------------------------------------------------------------- CSS-WC server
 

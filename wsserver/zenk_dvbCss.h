@@ -2,19 +2,335 @@
 
 #include <pthread.h>
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "log/zenk_export.h"
+#include "platform/thread_annotations.h"
+#include "wsserver/css_client_list.h"
 #include "wsserver/media_sync_server.h"
+
+namespace zenk {
+class CssEventLine;
+}
 
 // ---------------------------------------------------------------- event dispatcher
 
+/// What has happened, as the host's callback gets it. Numbers 0 to 2 come from the CSS-CII server, 3 to 5 from CSS-TS.
+enum ZenkCSSEvent : unsigned int {
+    CSS_EVENT_CII_NEW_CLIENT = 0,    ///< a client of the server has connected; no message
+    CSS_EVENT_CII_MESSAGE = 1,       ///< it has sent a message
+    CSS_EVENT_CII_CLIENT_LEAVE = 2,  ///< it has gone, its id is free of meaning now; no message
+    CSS_EVENT_TS_NEW_CLIENT = 3,
+    CSS_EVENT_TS_MESSAGE = 4,
+    CSS_EVENT_TS_CLIENT_LEAVE = 5,
+};
+
+/// An event on its way from a server to the event thread.
+struct ZenkDispatcherInfo {
+    ZenkCSSEvent event;
+    void* server;  ///< a ZenkCSSCIIServer for events 0 to 2, a ZenkCSSTSServer for 3 to 5; only they tell which
+    std::int32_t clientId;  ///< the client concerned
+    std::string message;    ///< its message, NUL bytes included; empty when the event has none
+};
+
+/// What the host's callback gets. It belongs to the event thread and is good only until the callback returns.
+struct ZenkCSSEevntInfo {
+    std::int32_t clientId;
+    std::string message;  ///< the client's bytes, NUL bytes included; empty when the event has none
+};
+
+/// The host's callback: event, what came with it, and the pointer that was registered with the callback.
+///
+/// It runs on the event thread, which all servers share: one callback at a time, in the order in which the events
+/// happened, and the next one waits until it has returned. It may send and close, build servers, destroy the dispatcher
+/// or another server. It must not destroy its own server nor register or unregister a callback on it. An exception that
+/// it throws ends here and is not reported.
+using ZenkCSSEventCallback = void (*)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*);
+
+/// Carries the events of the CSS servers to the host's callbacks: an unlimited first-in-first-out queue and one
+/// detached thread, "zenk-css-event", that delivers. Whoever queues only copies its event and goes on, so that a slow
+/// callback never holds up the network. The first CSS server that is built creates the dispatcher, the others share it.
+///
+/// The host owns it. Destroyed or not, the servers stay usable: without a dispatcher they drop their events, and a
+/// server built after its destruction creates a new one. No exception leaves it but std::bad_alloc of the constructor.
+class ZENK_API ZenkCSSEventDispatcher {
+public:
+    /// Stores `this` in `m_instance` and starts the event thread. If the system gives no thread, events stay queued and
+    /// startEventThread() may be tried again.
+    ZenkCSSEventDispatcher();
+
+    /// Ends the event thread; what is queued is released undelivered. Waits for a running callback to return, so the
+    /// caller holds nothing that a callback waits for. On the event thread itself, that is from a callback, it does
+    /// not wait: the thread ends by itself after that callback.
+    virtual ~ZenkCSSEventDispatcher();
+
+    /// Starts the event thread. Called by the constructor; the host needs it only after stopEventThread() or a failure.
+    /// Does nothing while an event thread is alive, also one that has been stopped and is still inside a callback.
+    /// @thread host threads; does not block
+    void startEventThread();
+
+    /// Asks the event thread to end, and does not wait for it. It ends before the next record or at once when idle,
+    /// never inside a callback. Events queued from now on stay queued. May be called twice, or when no thread is left.
+    /// @thread any, also from a callback; does not block
+    void stopEventThread();
+
+    /// Queues a copy of a record. The caller keeps its own and may reuse it at once.
+    /// @param info  event, server (null, or an event above 5, is taken off the queue later without a callback), client
+    ///              and message. The server is alive and stays so until its own destructor takes its records out.
+    ///              Null is refused with an error trace line
+    /// @thread any, at any time before the destructor; never waits for a callback
+    void queueEvent(ZenkDispatcherInfo* info);
+
+    /// The event thread's loop; cssEventThread() calls it. Returns after the destructor has run or begun. One thread at
+    /// a time, and any other thread that calls it keeps the dispatcher alive until it returns.
+    void processEvent();
+
+    /// The dispatcher built last; null before the first and after its destruction. The host only reads it.
+    static ZenkCSSEventDispatcher* m_instance;
+
+private:
+    friend class zenk::CssEventLine;
+    friend ZENK_API void* cssEventThread(void* dispatcher);
+
+    void wake();
+    bool waitForWake();
+    std::unique_ptr<ZenkDispatcherInfo> takeRecord();
+    void discardRecords(const void* server);
+
+    std::atomic<pthread_t> m_threadId;                                      // any thread; 0 when there is none to stop
+    std::deque<ZenkDispatcherInfo*> m_queue ZENK_GUARDED_BY(m_queueMutex);  // owned, oldest in front
+    zenk::Mutex m_queueMutex;            // held for one push, one pop or one sweep; never with m_wakeMutex
+    std::mutex m_wakeMutex;              // guards m_isWakeWanted; a plain one, which m_wakeCond waits on most cheaply
+    std::condition_variable m_wakeCond;  // goes with m_wakeMutex: m_isWakeWanted has become true
+    std::atomic<bool> m_keepRunning;     // any thread; false from the destructor on
+    bool m_isWakeWanted;                 // under m_wakeMutex: the thread has something to look at
+    const std::shared_ptr<zenk::CssEventLine> m_line;  // constant; has its own lock
+};
+
+/// The event thread's entry: runs processEvent() of `dispatcher`, a ZenkCSSEventDispatcher or null. Started by the
+/// dispatcher; not for the host. @return null
+ZENK_API void* cssEventThread(void* dispatcher);
+
 // ---------------------------------------------------------------- CSS-CII server
 
+/// The CSS-CII endpoint (ETSI TS 103 286-2): takes the WebSocket clients whose URI contains "/css-cii", up to a limit,
+/// and hands their coming, their messages and their going to one callback of the host. It does not read the messages;
+/// the host answers with ClientObserver::sendMessage().
+///
+/// To work it needs, from the host: MediaSyncServer::addObserver(), registerCIIEventCallback() with a non-null user
+/// pointer, setEnableInterDevSync(true). A URI with both "/css-cii" and "/css-ts" makes a client of both servers.
+///
+/// The limit is the configuration's "MSMaxClientNum" in "HbbTV", read when the server is built, or 25. Every connection
+/// outside App2App is refused while this server is disabled (HTTP 403) or full (503), CSS-TS clients too.
+///
+/// The host owns the server and destroys it when it likes, with the service running too, but not from inside its own
+/// callback. All operations may be called from any thread, unless one says otherwise. No exception leaves them; the
+/// constructors throw std::bad_alloc when there is no memory.
+class ZENK_API ZenkCSSCIIServer : public ClientObserver {
+public:
+    /// Stores `this` in `m_instance`, creates the event dispatcher if there is none, reads the limit and prints it. The
+    /// server is disabled and has no callback.
+    ZenkCSSCIIServer();
+
+    /// The same. @param initString  copied and kept; nothing reads it
+    explicit ZenkCSSCIIServer(std::string& initString);
+
+    /// Leaves MediaSyncServer, takes the server's events out of the queue and waits for a callback of it to return:
+    /// then nothing calls the server any more. Clears `m_instance`, whatever server it names. Closes no connection.
+    ~ZenkCSSCIIServer() override;
+
+    /// Called by MediaSyncServer for each connection outside App2App; queues CSS_EVENT_CII_NEW_CLIENT if it is one of
+    /// ours.
+    /// @param uri       path and query, zero-terminated; null is refused with an error trace line
+    /// @param clientId  an id that is not in the list; else an error trace line
+    /// @thread service thread
+    void onNewClient(char* uri, int clientId) override;
+
+    /// Called by MediaSyncServer for each message outside App2App; queues CSS_EVENT_CII_MESSAGE with a copy of the
+    /// bytes.
+    /// @param message   `length` bytes; null gives an error trace line
+    /// @param length    bytes, not negative
+    /// @param clientId  an id of the list; a message of any other client gives an error trace line
+    /// @thread service thread
+    void onMessage(unsigned char* message, int length, int clientId) override;
+
+    /// Called by MediaSyncServer when a client has gone: frees its place and queues CSS_EVENT_CII_CLIENT_LEAVE. An id
+    /// that is not in the list, or not any more, gives an error trace line and no event.
+    /// @thread service thread
+    void onClientLeave(int clientId) override;
+
+    /// @return 0 when clients are welcome, 1 when the server is disabled, 2 when the list is full
+    int getCssServerStatus() override;
+
+    /// Sets the callback in place of any earlier one. Waits for a running callback of this server.
+    /// @param callback  called on the event thread, see ZenkCSSEventCallback; null for none
+    /// @param userData  handed back to the callback, not owned; null means that the callback is never called
+    /// @thread any but a callback of this server, which would wait for itself
+    void registerCIIEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*), void const* userData);
+
+    /// Clears the callback. When it returns, no callback of this server runs any more.
+    /// @thread any but a callback of this server, which would wait for itself
+    void unRegisterCIIEventCallback();
+
+    /// Admits clients and delivers events, or stops both; what is queued counts by the flag at its delivery.
+    /// @param enable  false also empties the list and closes every connection that MediaSyncServer holds, those of
+    ///                CSS-TS and App2App clients too. For the swept clients no leave event comes.
+    ///                Before addObserver() it closes nothing
+    void setEnableInterDevSync(bool enable);
+
+    /// Gives the URL for CII clients, see MediaSyncServer::getInterDevSyncUrl(). Works in every state.
+    /// @param endpoint  replaced; empty when the receiver has no address
+    void getCssCiiEndpoint(std::string& endpoint);
+
+    /// Puts an id in the list, whatever the limit.
+    /// @return 1 when it was added, 0 when it was present, with an error trace line
+    int addCiiClientId(int clientId);
+
+    /// Takes an id out of the list and closes its connection; no leave event comes for it.
+    /// @param clientId  an id, or -1 for all ids of this server
+    /// @return 1 when that id was removed; 0 otherwise, also for -1. An empty list gives an error trace line
+    int removeCiiClientId(int clientId);
+
+    /// @return 1 when the id is in the list, 0 when it is not
+    int ciiClientIdExists(int clientId);
+
+    /// Calls the host's callback, if the server is enabled (else an error trace line) and the callback and its user
+    /// pointer are not null.
+    /// @param info  the caller's; good during the call
+    /// @thread event thread; takes as long as the callback
+    void dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info);
+
+    /// The server built last; null before the first and after the destruction of any. For the host.
+    static ZenkCSSCIIServer* m_instance;
+
+private:
+    void setUp();
+    void post(ZenkCSSEvent event, int clientId, std::string message);
+
+    zenk::CssClientList m_clientIds;  // has its own lock
+    ZenkCSSEventCallback m_eventCallback ZENK_GUARDED_BY(m_mutex) = nullptr;
+    void const* m_eventUserData ZENK_GUARDED_BY(m_mutex) = nullptr;
+    std::string m_initString;                        // constant after construction
+    ZenkCSSEventDispatcher* m_dispatcher = nullptr;  // constant until the destructor; not owned
+    std::atomic<bool> m_enableInterDevSync = false;  // any thread
+    zenk::Mutex m_mutex;                             // the callback pair; held all through the callback
+    std::int32_t m_maxClientNum = 0;                 // constant after construction; positive then
+    std::shared_ptr<zenk::CssEventLine> m_line;      // constant after construction; the safe way to m_dispatcher
+};
+
 // ---------------------------------------------------------------- CSS-TS server
+
+/// The CSS-TS endpoint (ETSI TS 103 286-2): takes the WebSocket clients whose URI contains "/css-ts", up to a limit,
+/// and hands their coming, their messages and their going to one callback of the host. It does not read the messages;
+/// the host answers with ClientObserver::sendMessage().
+///
+/// To work it needs, from the host: MediaSyncServer::addObserver(), registerTSEventCallback() with a non-null user
+/// pointer, setEnableInterDevSync(true). A URI with both "/css-cii" and "/css-ts" makes a client of both servers.
+///
+/// The limit is the configuration's "MSMaxClientNum" in "HbbTV", read when the server is built, or 25. Every connection
+/// outside App2App is refused while this server is disabled (HTTP 403) or full (503), CSS-CII clients too.
+///
+/// The host owns the server and destroys it when it likes, with the service running too, but not from inside its own
+/// callback. All operations may be called from any thread, unless one says otherwise. No exception leaves them; the
+/// constructors throw std::bad_alloc when there is no memory.
+class ZENK_API ZenkCSSTSServer : public ClientObserver {
+public:
+    /// Stores `this` in `m_instance`, creates the event dispatcher if there is none, reads the limit and prints it. The
+    /// server is disabled and has no callback.
+    ZenkCSSTSServer();
+
+    /// The same. @param initString  copied and kept; nothing reads it
+    explicit ZenkCSSTSServer(std::string& initString);
+
+    /// Leaves MediaSyncServer, takes the server's events out of the queue and waits for a callback of it to return:
+    /// then nothing calls the server any more. Clears `m_instance`, whatever server it names. Closes no connection.
+    ~ZenkCSSTSServer() override;
+
+    /// Called by MediaSyncServer for each connection outside App2App; queues CSS_EVENT_TS_NEW_CLIENT if it is one of
+    /// ours.
+    /// @param uri       path and query, zero-terminated; null is refused with an error trace line
+    /// @param clientId  an id that is not in the list; else an error trace line
+    /// @thread service thread
+    void onNewClient(char* uri, int clientId) override;
+
+    /// Called by MediaSyncServer for each message outside App2App; queues CSS_EVENT_TS_MESSAGE with a copy of the
+    /// bytes.
+    /// @param message   `length` bytes; null gives an error trace line
+    /// @param length    bytes, not negative
+    /// @param clientId  an id of the list; a message of any other client gives an error trace line
+    /// @thread service thread
+    void onMessage(unsigned char* message, int length, int clientId) override;
+
+    /// Called by MediaSyncServer when a client has gone: frees its place and queues CSS_EVENT_TS_CLIENT_LEAVE. An id
+    /// that is not in the list, or not any more, gives an error trace line and no event.
+    /// @thread service thread
+    void onClientLeave(int clientId) override;
+
+    /// @return 0 when clients are welcome, 1 when the server is disabled, 2 when the list is full
+    int getCssServerStatus() override;
+
+    /// Sets the callback in place of any earlier one. Waits for a running callback of this server.
+    /// @param callback  called on the event thread, see ZenkCSSEventCallback; null for none
+    /// @param userData  handed back to the callback, not owned; null means that the callback is never called
+    /// @thread any but a callback of this server, which would wait for itself
+    void registerTSEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*), void const* userData);
+
+    /// Clears the callback. When it returns, no callback of this server runs any more.
+    /// @thread any but a callback of this server, which would wait for itself
+    void unRegisterTSEventCallback();
+
+    /// Admits clients and delivers events, or stops both; what is queued counts by the flag at its delivery.
+    /// @param enable  false also empties the list and closes every connection that MediaSyncServer holds, those of
+    ///                CSS-CII and App2App clients too. For the swept clients no leave event comes.
+    ///                Before addObserver() it closes nothing
+    void setEnableInterDevSync(bool enable);
+
+    /// Gives the URL for TS clients, see MediaSyncServer::getCssTsEndpoint(). Works in every state.
+    /// @param endpoint  replaced; empty when the receiver has no address
+    void getCssTsEndpoint(std::string& endpoint);
+
+    /// Puts an id in the list, whatever the limit.
+    /// @return 1 when it was added, 0 when it was present
+    int addTsClientId(int clientId);
+
+    /// Takes an id out of the list and closes its connection; no leave event comes for it.
+    /// @param clientId  an id, or -1 for all ids of this server
+    /// @return 1 when that id was removed; 0 otherwise, also for -1. An empty list gives an error trace line
+    int removeTsClientId(int clientId);
+
+    /// @return 1 when the id is in the list, 0 when it is not
+    int tsClientIdExists(int clientId);
+
+    /// Calls the host's callback, if the server is enabled (else an error trace line) and the callback and its user
+    /// pointer are not null.
+    /// @param info  the caller's; good during the call
+    /// @thread event thread; takes as long as the callback
+    void dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info);
+
+    /// The server built last; null before the first and after the destruction of any. For the host.
+    static ZenkCSSTSServer* m_instance;
+
+private:
+    void setUp();
+    void post(ZenkCSSEvent event, int clientId, std::string message);
+
+    zenk::CssClientList m_clientIds;  // has its own lock
+    ZenkCSSEventCallback m_eventCallback ZENK_GUARDED_BY(m_mutex) = nullptr;
+    void const* m_eventUserData ZENK_GUARDED_BY(m_mutex) = nullptr;
+    std::string m_initString;                        // constant after construction
+    ZenkCSSEventDispatcher* m_dispatcher = nullptr;  // constant until the destructor; not owned
+    std::atomic<bool> m_enableInterDevSync = false;  // any thread
+    std::int32_t m_maxClientNum = 0;                 // constant after construction; positive then
+    zenk::Mutex m_mutex;                             // the callback pair; held all through the callback
+    std::shared_ptr<zenk::CssEventLine> m_line;      // constant after construction; the safe way to m_dispatcher
+};
 
 // ---------------------------------------------------------------- CSS-WC server
 

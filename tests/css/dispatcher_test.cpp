@@ -1,0 +1,299 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+
+#include "tests/css/clients.h"
+#include "tests/css/css_host.h"
+#include "tests/css/trace_record.h"
+
+// With sanitizers everything takes longer, and the amount matters less than the mixture.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int kManyEvents = 100'000;
+#else
+constexpr int kManyEvents = 1'000'000;
+#endif
+
+static std::atomic<bool> g_refusesThreads = false;
+
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+extern "C" int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void* (*entry)(void*),
+                                     void* argument) {
+    if (entry == cssEventThread && g_refusesThreads) return EAGAIN;
+    return __real_pthread_create(id, attributes, entry, argument);
+}
+
+namespace {
+
+using Action = std::function<void(int clientId)>;
+
+void run(ZenkCSSEvent, ZenkCSSEevntInfo* info, void const* action) {
+    (*static_cast<const Action*>(action))(info->clientId);
+}
+
+class Dispatcher : public testing::Test {
+protected:
+    Dispatcher() {
+        setenv("VEL_CONFIG_FILE", "/nowhere", 1);
+        m_cii = std::make_unique<ZenkCSSCIIServer>();
+        m_ts = std::make_unique<ZenkCSSTSServer>();
+        m_cii->registerCIIEventCallback(Host::note, &m_host);
+        m_ts->registerTSEventCallback(Host::note, &m_host);
+        m_cii->setEnableInterDevSync(true);
+        m_ts->setEnableInterDevSync(true);
+    }
+    ~Dispatcher() override {
+        m_cii.reset();
+        m_ts.reset();
+        delete dispatcher();
+        EXPECT_TRUE(eventually([] { return eventThreads() == 0; }));
+    }
+
+    static ZenkCSSEventDispatcher* dispatcher() { return ZenkCSSEventDispatcher::m_instance; }
+
+    static void queue(unsigned event, void* server, int clientId, std::string message = {}) {
+        ZenkDispatcherInfo record{static_cast<ZenkCSSEvent>(event), server, clientId, std::move(message)};
+        dispatcher()->queueEvent(&record);
+        record = {static_cast<ZenkCSSEvent>(99), nullptr, -99, "overwritten"};
+    }
+
+    // The events of TS run `action`, given the client id.
+    void onTs(Action action) {
+        m_action = std::move(action);
+        m_ts->registerTSEventCallback(run, &m_action);
+    }
+
+    std::unique_ptr<ZenkCSSCIIServer> m_cii;
+    std::unique_ptr<ZenkCSSTSServer> m_ts;
+    Host m_host;
+    Action m_action;
+};
+
+TEST_F(Dispatcher, DeliversBothServersEventsInQueueOrderWithTheirOwnBytes) {
+    using namespace std::string_literals;
+    EXPECT_EQ(eventThreads(), 1);
+    for (const unsigned event : {5u, 0u, 3u, 1u, 4u, 2u}) {
+        void* const server = event <= 2 ? static_cast<void*>(m_cii.get()) : m_ts.get();
+        queue(event, server, static_cast<int>(event) + 10, event == 4 ? "a\0b\0"s : "");
+        queue(6, server, 1);       // no such event
+        queue(event, nullptr, 1);  // nobody's event
+    }
+    const std::vector<Event> expected{{5, 15, ""}, {0, 10, ""},        {3, 13, ""},
+                                      {1, 11, ""}, {4, 14, "a\0b\0"s}, {2, 12, ""}};
+    EXPECT_EQ(m_host.take(expected.size()), expected);
+}
+
+TEST_F(Dispatcher, TracesQueueingAndTheThread) {
+    TraceRecord trace;
+    dispatcher()->queueEvent(nullptr);
+    EXPECT_EQ(trace.take(), "+queueEvent !queueEvent ");
+    queue(6, m_cii.get(), 1);
+    EXPECT_EQ(trace.take(), "+queueEvent -queueEvent ");
+    EXPECT_EQ(cssEventThread(nullptr), nullptr);
+    EXPECT_EQ(trace.take(), "+cssEventThread -cssEventThread ");
+    delete dispatcher();
+    EXPECT_EQ(trace.take(), "+~ZenkCSSEventDispatcher -~ZenkCSSEventDispatcher ");
+    new ZenkCSSEventDispatcher;
+    EXPECT_EQ(trace.take(), "+ZenkCSSEventDispatcher +startEventThread -startEventThread -ZenkCSSEventDispatcher ");
+}
+
+TEST_F(Dispatcher, DeliversEachOfManyEventsOnceAndInOrderPerProducer) {
+    std::array<int, 2> next{};
+    std::atomic<int> delivered = 0;
+    bool isInOrder = true;
+    onTs([&](int number) {
+        isInOrder = isInOrder && next[static_cast<std::size_t>(number % 2)]++ == number / 2;
+        ++delivered;
+    });
+    const auto produce = [this, &delivered](int producer) {
+        for (int i = 0; i < kManyEvents / 2; ++i) {
+            queue(4, m_ts.get(), 2 * i + producer);
+            // Bursts with a pause behind each: the last event of a burst must not wait for the next burst.
+            if (i % 1000 != 999) continue;
+            EXPECT_TRUE(eventually([&] { return delivered >= i + 1; }));
+        }
+    };
+    std::thread other(produce, 1);
+    produce(0);
+    other.join();
+    EXPECT_TRUE(eventually([&] { return delivered == kManyEvents; }));
+    EXPECT_TRUE(isInOrder);
+}
+
+TEST_F(Dispatcher, StopsBetweenTwoRecordsAndKeepsTheRest) {
+    Door entered, door;
+    std::atomic<bool> finished = false;
+    onTs([&](int) {
+        entered.open();
+        dispatcher()->stopEventThread();
+        door.pass();  // a cancellation that is let in would end the thread here
+        finished = true;
+    });
+    queue(4, m_ts.get(), 1);
+    ASSERT_TRUE(entered.pass());
+    queue(1, m_cii.get(), 2, "kept");
+    dispatcher()->stopEventThread();
+    dispatcher()->startEventThread();  // the stopped one is still alive
+    door.open();
+    ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+    EXPECT_TRUE(finished);
+    dispatcher()->stopEventThread();
+    queue(1, m_cii.get(), 3, "kept too");
+    EXPECT_TRUE(m_host.take(0).empty());
+
+    dispatcher()->startEventThread();
+    EXPECT_EQ(m_host.take(2), (std::vector<Event>{{1, 2, "kept"}, {1, 3, "kept too"}}));
+}
+
+TEST_F(Dispatcher, StopsWhenIdleAndLeavesNoLockBehind) {
+    for (int round = 0; round < 20; ++round) {
+        queue(1, m_cii.get(), round);
+        EXPECT_EQ(m_host.take(1), (std::vector<Event>{{1, round, ""}}));
+        dispatcher()->stopEventThread();
+        ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+        dispatcher()->startEventThread();
+        dispatcher()->startEventThread();
+        EXPECT_EQ(eventThreads(), 1);
+    }
+}
+
+TEST_F(Dispatcher, SurvivesCallbacksThatThrowOrEndTheirThread) {
+    onTs([](int) { throw std::runtime_error("host"); });
+    queue(4, m_ts.get(), 1);
+    queue(1, m_cii.get(), 2);
+    EXPECT_EQ(m_host.take(1), (std::vector<Event>{{1, 2, ""}}));
+
+    onTs([](int) { pthread_exit(nullptr); });
+    queue(4, m_ts.get(), 1);
+    ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+    m_ts.reset();  // waits for no call any more
+    dispatcher()->startEventThread();
+    queue(1, m_cii.get(), 3);
+    EXPECT_EQ(m_host.take(1), (std::vector<Event>{{1, 3, ""}}));
+}
+
+TEST_F(Dispatcher, KeepsEventsWhenTheSystemGivesNoThread) {
+    delete dispatcher();
+    g_refusesThreads = true;
+    ZenkCSSCIIServer server;
+    g_refusesThreads = false;
+    ASSERT_NE(dispatcher(), nullptr);
+    server.registerCIIEventCallback(Host::note, &m_host);
+    server.setEnableInterDevSync(true);
+    queue(1, &server, 1);
+    dispatcher()->stopEventThread();
+    dispatcher()->startEventThread();
+    EXPECT_EQ(m_host.take(1), (std::vector<Event>{{1, 1, ""}}));
+}
+
+TEST_F(Dispatcher, DestructionWaitsForTheCallbackAndDropsTheRest) {
+    Door entered, door;
+    std::atomic<bool> finished = false;
+    onTs([&](int) {
+        entered.open();
+        door.pass();
+        finished = true;
+    });
+    queue(4, m_ts.get(), 1);
+    for (int i = 0; i < 100; ++i) queue(1, m_cii.get(), i, std::string(1000, 'x'));
+    ASSERT_TRUE(entered.pass());
+    std::thread opener([&] {
+        EXPECT_TRUE(eventually([] { return std::atomic_ref(ZenkCSSEventDispatcher::m_instance).load() == nullptr; }));
+        door.open();
+    });
+    delete dispatcher();
+    EXPECT_TRUE(finished);
+    opener.join();
+    EXPECT_TRUE(m_host.take(0).empty());
+
+    m_cii->addCiiClientId(1);
+    m_cii->onClientLeave(1);  // an event for nobody
+    ZenkCSSTSServer later;
+    EXPECT_NE(dispatcher(), nullptr);
+}
+
+TEST_F(Dispatcher, MayBeDestroyedByACallback) {
+    onTs([](int) { delete dispatcher(); });
+    queue(4, m_ts.get(), 1);
+    queue(1, m_cii.get(), 2);
+    ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+    EXPECT_EQ(std::atomic_ref(ZenkCSSEventDispatcher::m_instance).load(), nullptr);
+    EXPECT_TRUE(m_host.take(0).empty());
+}
+
+TEST_F(Dispatcher, ServerDestructionWaitsForItsCallbackAndTakesItsRecordsAlong) {
+    Door entered, door;
+    std::atomic<bool> finished = false;
+    onTs([&](int) {
+        entered.open();
+        door.pass();
+        finished = true;
+    });
+    std::optional<ZenkCSSCIIServer> server;
+    server.emplace();
+    queue(4, m_ts.get(), 1);
+    ASSERT_TRUE(entered.pass());
+    queue(1, &*server, 2, "for the dead");
+    server.emplace();  // at the same place; the destructor waits for no foreign callback
+    server->registerCIIEventCallback(Host::note, &m_host);
+    server->setEnableInterDevSync(true);
+    queue(1, &*server, 3, "for the living");
+    std::thread opener([&] { door.open(); });
+    m_ts.reset();
+    EXPECT_TRUE(finished);
+    opener.join();
+    EXPECT_EQ(m_host.take(1), (std::vector<Event>{{1, 3, "for the living"}}));
+}
+
+// Each order of destruction, while the service thread and the event thread are at work; with two threads at it too.
+TEST_F(Dispatcher, EverythingMayGoInAnyOrderUnderLoad) {
+    std::array<int, 3> order{0, 1, 2};
+    do {
+        auto cii = std::make_unique<ZenkCSSCIIServer>();
+        auto ts = std::make_unique<ZenkCSSTSServer>();
+        ZenkCSSEventDispatcher* shared = dispatcher();
+        std::atomic<int> delivered = 0;
+        const Action count = [&](int) { ++delivered; };
+        cii->registerCIIEventCallback(run, &count);
+        ts->registerTSEventCallback(run, &count);
+        cii->setEnableInterDevSync(true);
+        ts->setEnableInterDevSync(true);
+        MediaSyncServer::getInstance()->addObserver(cii.get());
+        MediaSyncServer::getInstance()->addObserver(ts.get());
+        const int id = clients::connect("/css-cii/css-ts");
+        std::atomic<bool> isOver = false;
+        std::thread service([&] {
+            while (!isOver) clients::send(id, "message");
+        });
+        ASSERT_TRUE(eventually([&] { return delivered > 100; }));
+        const std::array<std::function<void()>, 3> ends{[&] { cii.reset(); }, [&] { ts.reset(); },
+                                                        [&] { delete shared; }};
+        const auto end = [&](std::size_t place) { ends[static_cast<std::size_t>(order[place])](); };
+        std::thread other([&] { end(0); });
+        end(1);
+        other.join();
+        end(2);
+        isOver = true;
+        service.join();
+        m_cii = std::make_unique<ZenkCSSCIIServer>();  // makes a dispatcher for the next round
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST(DispatcherCreation, HappensOnceForServersBuiltAtOnce) {
+    for (int round = 0; round < 20; ++round) {
+        const auto build = [] { ZenkCSSCIIServer server; };
+        std::thread other(build);
+        build();
+        other.join();
+        EXPECT_EQ(eventThreads(), 1);
+        delete ZenkCSSEventDispatcher::m_instance;
+        EXPECT_TRUE(
+            eventually([] { return eventThreads() == 0; }));  // the kernel may name an ended thread a little longer
+    }
+}
+
+}  // namespace

@@ -1,0 +1,332 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+
+#include "tests/css/clients.h"
+#include "tests/css/css_host.h"
+#include "tests/css/trace_record.h"
+
+namespace {
+
+// The two servers under one set of names, and how they differ.
+struct Cii {
+    using Server = ZenkCSSCIIServer;
+    static constexpr unsigned kNew = 0;
+    static constexpr const char* kName = "CII";
+    static constexpr const char* kUri = "/css-cii";
+    static constexpr auto kAdd = &Server::addCiiClientId;
+    static constexpr auto kRemove = &Server::removeCiiClientId;
+    static constexpr auto kExists = &Server::ciiClientIdExists;
+    static constexpr auto kRegister = &Server::registerCIIEventCallback;
+    static constexpr auto kUnregister = &Server::unRegisterCIIEventCallback;
+    static constexpr auto kEndpoint = &Server::getCssCiiEndpoint;
+    static constexpr const char* kClass = "ZenkCSSCIIServer";
+    static constexpr const char* kAdded = "+addCiiClientId -addCiiClientId ";
+    static constexpr const char* kAddedTwice = "+addCiiClientId !addCiiClientId ";
+    static constexpr const char* kTested = "+ciiClientIdExists -ciiClientIdExists ";
+    static constexpr const char* kRemoved = "+removeCiiClientId ";
+    static constexpr const char* kNotRemoved = "+removeCiiClientId ";
+    static constexpr const char* kNothingToRemove = "+removeCiiClientId !removeCiiClientId ";
+    static constexpr const char* kEndpointTrace = "getCssCiiEndpoint";
+};
+
+struct Ts {
+    using Server = ZenkCSSTSServer;
+    static constexpr unsigned kNew = 3;
+    static constexpr const char* kName = "TS";
+    static constexpr const char* kUri = "/css-ts";
+    static constexpr auto kAdd = &Server::addTsClientId;
+    static constexpr auto kRemove = &Server::removeTsClientId;
+    static constexpr auto kExists = &Server::tsClientIdExists;
+    static constexpr auto kRegister = &Server::registerTSEventCallback;
+    static constexpr auto kUnregister = &Server::unRegisterTSEventCallback;
+    static constexpr auto kEndpoint = &Server::getCssTsEndpoint;
+    static constexpr const char* kClass = "ZenkCSSTSServer";
+    static constexpr const char* kAdded = "+addTsClientId ";
+    static constexpr const char* kAddedTwice = "+addTsClientId ";
+    static constexpr const char* kTested = "+tsClientIdExists ";
+    static constexpr const char* kRemoved = "+removeTsClientId ";
+    static constexpr const char* kNotRemoved = "+removeTsClientId -removeTsClientId ";
+    static constexpr const char* kNothingToRemove = "+removeTsClientId !removeTsClientId ";
+    static constexpr const char* kEndpointTrace = "getCssTsEndpoint";
+};
+
+template <typename Kind>
+class CssServer : public testing::Test {
+protected:
+    using Server = typename Kind::Server;
+
+    ~CssServer() override {
+        m_server.reset();
+        delete ZenkCSSEventDispatcher::m_instance;
+        unlink(m_config.c_str());
+        clients::takeClosed();
+    }
+
+    // Builds the server as a host does. @return what that printed
+    std::string build(const std::string& limit) {
+        std::ofstream(m_config) << "[HbbTV]\nMSMaxClientNum=" << limit << "\n";
+        setenv("VEL_CONFIG_FILE", m_config.c_str(), 1);
+        m_server.reset();
+        testing::internal::CaptureStdout();
+        m_server = std::make_unique<Server>();
+        const std::string printed = testing::internal::GetCapturedStdout();
+        MediaSyncServer::getInstance()->addObserver(m_server.get());
+        (*m_server.*Kind::kRegister)(Host::note, &m_host);
+        m_server->setEnableInterDevSync(true);
+        return printed;
+    }
+
+    int add(int id) { return (*m_server.*Kind::kAdd)(id); }
+    int remove(int id) { return (*m_server.*Kind::kRemove)(id); }
+    int exists(int id) { return (*m_server.*Kind::kExists)(id); }
+
+    // What the host got of all that was queued before this call; the queue is one for all, so a mark comes last.
+    std::vector<Event> events() {
+        constexpr int kMark = 1'000'000;
+        ZenkDispatcherInfo mark{static_cast<ZenkCSSEvent>(Kind::kNew), m_server.get(), kMark, ""};
+        ZenkCSSEventDispatcher::m_instance->queueEvent(&mark);
+        std::vector<Event> all;
+        while (all.empty() || std::get<1>(all.back()) != kMark) {
+            const std::vector<Event> more = m_host.take(1);
+            if (more.empty()) return {{99, 0, "the mark is missing"}};
+            all.insert(all.end(), more.begin(), more.end());
+        }
+        all.pop_back();
+        return all;
+    }
+
+    const std::string m_config = testing::TempDir() + "css_servers." + std::to_string(getpid());
+    std::unique_ptr<Server> m_server;
+    Host m_host;
+};
+
+using Kinds = testing::Types<Cii, Ts>;
+TYPED_TEST_SUITE(CssServer, Kinds);
+
+TYPED_TEST(CssServer, TakesItsLimitFromTheConfiguration) {
+    const std::string name = TypeParam::kName;
+    for (const auto& [text, limit] :
+         {std::pair{"1", 1}, {"25", 25}, {"1000", 1000}, {"0", 25}, {"-3", 25}, {"ten", 25}}) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(this->build(text), name + " m_maxClientNum = " + std::to_string(limit) + "\n");
+        for (int id = 1; id < limit; ++id) this->add(id);
+        EXPECT_EQ(this->m_server->getCssServerStatus(), 0);
+        this->add(limit);
+        EXPECT_EQ(this->m_server->getCssServerStatus(), 2);
+        this->m_server->setEnableInterDevSync(false);
+        EXPECT_EQ(this->m_server->getCssServerStatus(), 1);
+    }
+}
+
+TYPED_TEST(CssServer, TellsTheHostOfItsOwnClientsOnly) {
+    const std::string uri = TypeParam::kUri;
+    constexpr unsigned kNew = TypeParam::kNew;
+    this->build("3");
+    const int first = clients::connect("/x" + uri + "y?z");
+    const int stranger = clients::connect("/css-");
+    const int second = clients::connect(uri + "/token/");
+    this->m_server->onNewClient(nullptr, 77);
+    clients::send(first, std::string("a\0b", 3));
+    clients::send(stranger, "not for us");
+    clients::send(second, "");
+    this->m_server->onMessage(nullptr, 1, second);
+    clients::leave(stranger);
+    clients::leave(first);
+    clients::leave(first);
+    clients::send(first, "from beyond");
+    EXPECT_EQ(this->events(), (std::vector<Event>{{kNew, first, ""},
+                                                  {kNew, second, ""},
+                                                  {kNew + 1, first, std::string("a\0b", 3)},
+                                                  {kNew + 1, second, ""},
+                                                  {kNew + 2, first, ""}}));
+    EXPECT_EQ(this->exists(first), 0);
+    EXPECT_EQ(this->exists(second), 1);
+}
+
+TYPED_TEST(CssServer, TurnsClientsAwayAtTheLimitUntilOneLeaves) {
+    const std::string uri = TypeParam::kUri;
+    const std::string limitLine = "m_maxClientNum = 1\n";
+    this->build("1");
+    testing::internal::CaptureStdout();
+    const int first = clients::connect(uri);
+    const int tooMuch = clients::connect(uri);
+    clients::connect("/other");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              limitLine + limitLine + TypeParam::kName + " Client num reach max number, can't connect\n" + limitLine +
+                  TypeParam::kName + " Client num reach max number, can't connect\n");
+    EXPECT_EQ(this->exists(tooMuch), 0);
+    clients::leave(first);
+    EXPECT_EQ(this->m_server->getCssServerStatus(), 0);
+    const int next = clients::connect(uri);
+    EXPECT_EQ(this->exists(next), 1);
+    EXPECT_EQ(this->events().size(), 3U);
+    EXPECT_TRUE(clients::takeClosed().empty());
+}
+
+TYPED_TEST(CssServer, RemovesAndClosesClients) {
+    const std::string uri = TypeParam::kUri;
+    this->build("5");
+    EXPECT_EQ(this->remove(-1), 0);
+    std::vector<int> ids;
+    for (int i = 0; i < 3; ++i) ids.push_back(clients::connect(uri));
+    const int stranger = clients::connect("/other");
+    EXPECT_EQ(this->remove(stranger), 0);
+    EXPECT_TRUE(clients::takeClosed().empty());
+    EXPECT_EQ(this->remove(ids[1]), 1);
+    EXPECT_EQ(this->remove(ids[1]), 0);
+    EXPECT_EQ(clients::takeClosed(), (std::vector<int>{ids[1]}));
+    this->events();
+    clients::leave(ids[1]);
+    EXPECT_EQ(this->remove(-1), 0);
+    EXPECT_EQ(clients::takeClosed(), (std::vector<int>{ids[0], ids[2]}));
+    clients::leave(ids[0]);
+    clients::leave(ids[2]);
+    EXPECT_TRUE(this->events().empty());
+
+    const int last = clients::connect(uri);
+    this->m_server->setEnableInterDevSync(true);
+    EXPECT_TRUE(clients::takeClosed().empty());
+    this->m_server->setEnableInterDevSync(false);
+    const std::vector<int> closed = clients::takeClosed();
+    EXPECT_TRUE(std::ranges::count(closed, stranger) == 1 && std::ranges::count(closed, last) == 1);
+    EXPECT_EQ(this->exists(last), 0);
+    clients::leave(stranger);
+    clients::leave(last);
+}
+
+TYPED_TEST(CssServer, DeliversByTheFlagAndTheCallbackOfTheMoment) {
+    constexpr unsigned kNew = TypeParam::kNew;
+    this->build("5");
+    const auto dispatch = [this](int id) {
+        ZenkCSSEevntInfo info{id, "x"};
+        this->m_server->dispatchEventToMS(static_cast<ZenkCSSEvent>(kNew), &info);
+    };
+    dispatch(1);
+    this->m_server->setEnableInterDevSync(false);
+    dispatch(2);
+    this->m_server->onNewClient(std::string(TypeParam::kUri).data(), 3);  // recorded while disabled
+    EXPECT_EQ(this->exists(3), 1);
+    this->m_server->setEnableInterDevSync(true);
+    (*this->m_server.*TypeParam::kRegister)(Host::note, nullptr);
+    dispatch(4);
+    (*this->m_server.*TypeParam::kUnregister)();
+    dispatch(5);
+    (*this->m_server.*TypeParam::kRegister)(Host::note, &this->m_host);
+    dispatch(6);
+    std::vector<Event> got = this->m_host.take(2);
+    std::erase(got, Event{kNew, 3, ""});  // came before or after the flag was back
+    EXPECT_EQ(got, (std::vector<Event>{{kNew, 1, "x"}, {kNew, 6, "x"}}));
+}
+
+TYPED_TEST(CssServer, UnregisteringWaitsForTheCallback) {
+    struct Call {
+        Door entered, door;
+        std::atomic<bool> finished = false;
+    } call;
+    this->build("5");
+    (*this->m_server.*TypeParam::kRegister)(
+        [](ZenkCSSEvent, ZenkCSSEevntInfo*, void const* user) {
+            auto& running = *static_cast<Call*>(const_cast<void*>(user));
+            running.entered.open();
+            running.door.pass();
+            running.finished = true;
+        },
+        &call);
+    clients::connect(TypeParam::kUri);
+    ASSERT_TRUE(call.entered.pass());
+    std::thread opener([&] { call.door.open(); });
+    (*this->m_server.*TypeParam::kUnregister)();
+    EXPECT_TRUE(call.finished);
+    opener.join();
+}
+
+TYPED_TEST(CssServer, GivesItsEndpointInEveryState) {
+    typename TypeParam::Server server;
+    std::string endpoint = "old";
+    (server.*TypeParam::kEndpoint)(endpoint);
+    EXPECT_EQ(endpoint, "ws://host/");
+    clients::url = "";
+    (server.*TypeParam::kEndpoint)(endpoint);
+    EXPECT_EQ(endpoint, "");
+    clients::url = "ws://host/";
+}
+
+// The lines that others read in the log, exit by exit.
+TYPED_TEST(CssServer, TracesAsItsTableSays) {
+    using K = TypeParam;
+    const std::string exists = K::kTested, uri = K::kUri, name = K::kClass;
+    TraceRecord trace;
+    this->build("2");
+    trace.take();
+    std::string text = "text";
+    { typename K::Server server(text); }
+    EXPECT_EQ(trace.take(), "+" + name + " -" + name + " +~" + name + " -~" + name + " ");
+
+    const auto after = [&trace](auto&& call) {
+        call();
+        return trace.take();
+    };
+    typename K::Server* const server = this->m_server.get();
+    const auto arrive = [&](std::string path, int id) { return after([&] { server->onNewClient(path.data(), id); }); };
+    const auto say = [&](int id) {
+        unsigned char bytes[] = {'h', 'i'};
+        return after([&] { server->onMessage(bytes, 2, id); });
+    };
+    const std::string queued = "+queueEvent -queueEvent ";
+    EXPECT_EQ(after([&] { this->remove(-1); }), K::kNothingToRemove);
+    EXPECT_EQ(after([&] { server->onNewClient(nullptr, 1); }), "+onNewClient !onNewClient ");
+    EXPECT_EQ(arrive(uri, 1),
+              "+onNewClient " + exists + "onNewClient:requrl=" + uri + " " + K::kAdded + queued + "-onNewClient ");
+    EXPECT_EQ(arrive(uri, 1), "+onNewClient " + exists + "!onNewClient ");
+    EXPECT_EQ(arrive("/x", 2), "+onNewClient " + exists + "onNewClient:requrl=/x -onNewClient ");
+    EXPECT_EQ(say(1), "+onMessage " + exists + "onMessage:msg=hi " + queued + "-onMessage ");
+    EXPECT_EQ(say(2), "+onMessage " + exists + "!onMessage ");
+    EXPECT_EQ(after([&] { this->add(1); }), K::kAddedTwice);
+    EXPECT_EQ(after([&] { server->getCssServerStatus(); }), "+getCssServerStatus -getCssServerStatus ");
+    this->add(2);
+    trace.take();
+    EXPECT_EQ(after([&] { server->getCssServerStatus(); }), "+getCssServerStatus ");
+    EXPECT_EQ(arrive(uri, 3), "+onNewClient " + exists);
+    EXPECT_EQ(after([&] { server->onClientLeave(3); }), "+onClientLeave " + exists + "!onClientLeave ");
+    EXPECT_EQ(after([&] { server->onClientLeave(2); }), "+onClientLeave " + exists + queued + "-onClientLeave ");
+    EXPECT_EQ(after([&] { this->remove(3); }), K::kNotRemoved);
+    EXPECT_EQ(after([&] { this->remove(1); }), K::kRemoved);
+    this->add(1);
+    trace.take();
+    EXPECT_EQ(after([&] { this->remove(-1); }), K::kNotRemoved);
+    EXPECT_EQ(after([&] { (server->*K::kEndpoint)(text); }), std::string("+") + K::kEndpointTrace + " " +
+                                                                 K::kEndpointTrace + ":url.c_str()=ws://host/ -" +
+                                                                 K::kEndpointTrace + " ");
+    EXPECT_EQ(after([&] { server->setEnableInterDevSync(false); }), "+setEnableInterDevSync -setEnableInterDevSync ");
+    EXPECT_EQ(after([&] { server->getCssServerStatus(); }), "+getCssServerStatus ");
+    EXPECT_EQ(after([&] { server->dispatchEventToMS(CSS_EVENT_CII_MESSAGE, nullptr); }),
+              "+dispatchEventToMS !dispatchEventToMS ");
+}
+
+TEST(CssServers, ShareAClientButNotTheirCounts) {
+    setenv("VEL_CONFIG_FILE", "/nowhere", 1);
+    ZenkCSSCIIServer cii;
+    ZenkCSSTSServer ts;
+    EXPECT_EQ(cii.removeCiiClientId(1), 0);
+    ts.setEnableInterDevSync(false);  // before addObserver(): nobody to close
+    MediaSyncServer::getInstance()->addObserver(&cii);
+    MediaSyncServer::getInstance()->addObserver(&ts);
+    for (int i = 0; i < 24; ++i) clients::connect("/css-cii");
+    const int both = clients::connect("/css-ts/css-cii");
+    cii.setEnableInterDevSync(true);
+    ts.setEnableInterDevSync(true);
+    EXPECT_EQ(cii.getCssServerStatus(), 2);
+    EXPECT_EQ(ts.getCssServerStatus(), 0);
+    cii.setEnableInterDevSync(false);
+    EXPECT_EQ(cii.ciiClientIdExists(both), 0);
+    EXPECT_EQ(ts.tsClientIdExists(both), 1);
+    EXPECT_EQ(ZenkCSSCIIServer::m_instance, &cii);
+    { ZenkCSSCIIServer other; }
+    EXPECT_EQ(ZenkCSSCIIServer::m_instance, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,56 @@
+#include "platform/vel_config.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace {
+
+constexpr int kUntouched = 4711;
+
+class VelConfig : public testing::Test {
+protected:
+    ~VelConfig() override { unlink(m_file.c_str()); }
+
+    // The value for a file with this content, or kUntouched after a failure.
+    int read(const std::string& content) {
+        std::ofstream(m_file) << content;
+        setenv("VEL_CONFIG_FILE", m_file.c_str(), 1);
+        int value = kUntouched;
+        const int result = zenk_vel_config_get_int("HbbTV", "MSMaxClientNum", &value);
+        EXPECT_EQ(result != 0, value == kUntouched);
+        return value;
+    }
+
+    const std::string m_file = testing::TempDir() + "vel_config." + std::to_string(getpid());
+};
+
+TEST_F(VelConfig, GivesWholeNumbersOfTheRightSectionAndKey) {
+    for (const int number : {1, 25, 1000, 0, -3, 2147483647}) {
+        EXPECT_EQ(read("[HbbTV]\nMSMaxClientNum=" + std::to_string(number) + "\n"), number);
+    }
+    EXPECT_EQ(read("MSMaxClientNum=1\n[Other]\nMSMaxClientNum=2\nnonsense\n[HbbTV]\nX=3\nMSMaxClientNum = 10 ; why\n"),
+              10);
+}
+
+TEST_F(VelConfig, RefusesEverythingElseAndLeavesTheValueAlone) {
+    for (const char* text :
+         {"ten", "", "10x", "1.5", "1 0", "0x10", "2147483648", "10\nMSMaxClientNum=11", "10\n  11"}) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(read("[HbbTV]\nMSMaxClientNum=" + std::string(text) + "\n"), kUntouched);
+    }
+    EXPECT_EQ(read(""), kUntouched);
+    EXPECT_EQ(read("[HbbTV]\nmsmaxclientnum=1\n[hbbtv]\nMSMaxClientNum=1\n"), kUntouched);
+
+    int value = kUntouched;
+    for (const char* file : {"/nowhere/at/all", "/", "/dev/zero", ""}) {
+        setenv("VEL_CONFIG_FILE", file, 1);
+        EXPECT_NE(zenk_vel_config_get_int("HbbTV", "MSMaxClientNum", &value), 0);
+    }
+    EXPECT_NE(zenk_vel_config_get_int("HbbTV", "MSMaxClientNum", nullptr), 0);
+    EXPECT_EQ(value, kUntouched);
+}
+
+}  // namespace
