@@ -25,7 +25,7 @@
 ZenkCSSEventDispatcher* ZenkCSSEventDispatcher::m_instance = nullptr;
 
 /// The dispatcher of the process, created here if there is none.
-ZenkCSSEventDispatcher* sharedEventDispatcher() {
+static ZenkCSSEventDispatcher* sharedEventDispatcher() {
     ZenkCSSEventDispatcher* dispatcher = nullptr;
     zenk::CssEventLine::join(dispatcher);
     return dispatcher;
@@ -607,9 +607,6 @@ void ZenkCSSTSServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* in
 // ---------------------------------------------------------------- CSS-WC server
 
 ZenkCSSWCServer* ZenkCSSWCServer::m_instance = nullptr;
-
-/// Given by the dispatcher's section.
-ZenkCSSEventDispatcher* sharedEventDispatcher();
 
 namespace {
 

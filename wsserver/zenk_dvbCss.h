@@ -334,8 +334,6 @@ private:
 
 // ---------------------------------------------------------------- CSS-WC server
 
-class ZenkCSSEventDispatcher;
-
 /// The wall-clock server (CSS-WC of ETSI TS 103 286-2): answers each UDP request of a companion device with the
 /// receiver's time.
 ///

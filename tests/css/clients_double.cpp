@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "tests/css/clients.h"
+#include "wsserver/paired_apps.h"
 
 namespace {
 
@@ -109,4 +110,8 @@ void MediaSyncServer::getInterDevSyncUrl(std::string& text) {
 }
 void MediaSyncServer::getCssTsEndpoint(std::string& text) {
     text = clients::url;
+}
+
+int getLocalIpAddr(char*, int) {
+    return -1;
 }
