@@ -181,12 +181,17 @@ void MediaSyncServer::removeObserver(ClientObserver* observer) {
     const auto reached = m_observers.begin() + static_cast<std::ptrdiff_t>(std::min(m_walkNext, m_observers.size()));
     m_walkNext -= static_cast<std::size_t>(std::count(m_observers.begin(), reached, observer));
     std::erase(m_observers, observer);
-    if (loadShared(observer->m_server) == this) storeShared<MediaSyncServer*>(observer->m_server, nullptr);
+    leaveServer(*observer);
 
     if (std::this_thread::get_id() == m_walkThread) return;
     ++m_waitingRemovals;
     while (m_runningObserver == observer) m_observerIdle.wait(m_registryMutex);
     --m_waitingRemovals;
+}
+
+// An observer that has been given to another server meanwhile keeps that one.
+void MediaSyncServer::leaveServer(ClientObserver& observer) {
+    if (loadShared(observer.m_server) == this) storeShared<MediaSyncServer*>(observer.m_server, nullptr);
 }
 
 // ---------------------------------------------------------------- life
@@ -203,7 +208,7 @@ MediaSyncServer::~MediaSyncServer() {
     {
         zenk::MutexLock lock(m_registryMutex);
         mClientIdIndex = 0;
-        for (ClientObserver* observer : m_observers) storeShared<MediaSyncServer*>(observer->m_server, nullptr);
+        for (ClientObserver* observer : m_observers) leaveServer(*observer);
     }
     storeShared(m_port, 0);
     storeShared<MediaSyncServer*>(m_instance, nullptr);

@@ -196,6 +196,7 @@ private:
     friend class ClientObserver;
     class ObserverWalk;
 
+    void leaveServer(ClientObserver& observer);
     int registerConnection(int socketFd, const std::string& uri);
     int forgetConnection(int socketFd);
     int clientIdOf(int socketFd);

@@ -229,15 +229,4 @@ TEST_F(ServiceTest, SurvivesAClientThatThrows) {
     EXPECT_EQ(zenk_test::takeLayerTrace().size(), 2u);
 }
 
-TEST(PlainClient, LetsEverythingPass) {
-    zenk_test::resetLayer();
-    Client client;
-    ASSERT_EQ(startWebSocketServer(kPort, &client), 0);
-    lws* const wsi = zenk_test::openConnection(7, "/");
-    const auto session = std::make_unique<ClientSessionData>();
-    for (const int reason : {20, 0, 6, 4}) {
-        EXPECT_EQ(zenk_test::lastCreationInfo().protocols[0].callback(wsi, reason, session.get(), nullptr, 0), 0);
-    }
-}
-
 }  // namespace
