@@ -33,15 +33,9 @@ void forgetPrefix() {
 
 [[maybe_unused]] const int g_forkWatch = pthread_atfork(nullptr, nullptr, forgetPrefix);
 
-std::tm localTime(std::time_t now) {
-    std::tm parts{};
-    tzset();  // localtime_r alone would miss a change of the time zone
-    localtime_r(&now, &parts);
-    return parts;
-}
-
 [[gnu::noinline]] void renewPrefix(CachedPrefix& prefix, std::time_t now) {
-    const std::tm parts = localTime(now);
+    std::tm parts{};
+    localtime_r(&now, &parts);
     std::memset(prefix.text, 0, sizeof prefix.text);
     const int length = std::snprintf(
         prefix.text, sizeof prefix.text, "time=%d/%d/%d %d:%d:%d,timestamp=%ld,pid=%d,tid=%ld,logtype=", parts.tm_mday,

@@ -39,7 +39,7 @@ ZENK_API extern char g_modules_info[1025];
 ///
 /// Level 2 prints all five types, level 1 `LOG_TYPE_ERROR` only, level 0 nothing (see zenk_log_getLevel). Types below 0
 /// and 5 print nothing; a type above 5 prints "log type set err, out of max enum value", whatever the level.
-/// The time follows the process's time zone, which is read anew (`tzset`) at most once a second per thread.
+/// The time is that of the process's time zone; a host that changes it calls `tzset`, here as elsewhere.
 ///
 /// @param type      one of `LOG_TYPE_*`
 /// @param module    zero-terminated; null counts as a module that is not in the table
