@@ -53,7 +53,8 @@ inline char* append(char* end, std::string_view text) {
     return end + text.size();
 }
 
-/// Prints like `printf`, %s with a `const char*` that is not null and %d with an int, in a third of its time. The line
+/// Prints like `printf`, %s with a `const char*` that is not null and %d with an int, for two thirds of its cost (120
+/// against 170 ns, the write to the null device included: formatting itself takes less than half as long). The line
 /// leaves in one call on `stdout`, so that lines of different threads never mix.
 template <typename... Values>
 void printLine(const LineFormat<sizeof...(Values)>& format, Values... values) {

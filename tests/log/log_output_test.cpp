@@ -102,7 +102,7 @@ TEST(LogFreeText, IsPrintedAtFullLevelOnlyAndCut) {
     zenk_log("FULL", "d/f", "g", 7, "%s", std::string(3000, 'x').c_str());
     EXPECT_EQ(withoutPrefix(output.take()), "<info> File:f Function: g(), line: 7, " + std::string(2047, 'x'));
     const char* none = nullptr;
-    zenk_log("FULL", none, none, 7, none);
+    zenk_log("FULL", none, none, 7, none, 0);
     EXPECT_EQ(withoutPrefix(output.take()), "<info> File:(null) Function: (null)(), line: 7, (null)");
 }
 
