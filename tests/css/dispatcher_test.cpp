@@ -53,7 +53,7 @@ protected:
         EXPECT_TRUE(eventually([] { return eventThreads() == 0; }));
     }
 
-    static ZenkCSSEventDispatcher* dispatcher() { return ZenkCSSEventDispatcher::m_instance; }
+    static ZenkCSSEventDispatcher* dispatcher() { return std::atomic_ref(ZenkCSSEventDispatcher::m_instance).load(); }
 
     static void queue(unsigned event, void* server, int clientId, std::string message = {}) {
         ZenkDispatcherInfo record{static_cast<ZenkCSSEvent>(event), server, clientId, std::move(message)};
@@ -202,7 +202,7 @@ TEST_F(Dispatcher, DestructionWaitsForTheCallbackAndDropsTheRest) {
     for (int i = 0; i < 100; ++i) queue(1, m_cii.get(), i, std::string(1000, 'x'));
     ASSERT_TRUE(entered.pass());
     std::thread opener([&] {
-        EXPECT_TRUE(eventually([] { return std::atomic_ref(ZenkCSSEventDispatcher::m_instance).load() == nullptr; }));
+        EXPECT_TRUE(eventually([] { return dispatcher() == nullptr; }));
         door.open();
     });
     delete dispatcher();
@@ -217,11 +217,16 @@ TEST_F(Dispatcher, DestructionWaitsForTheCallbackAndDropsTheRest) {
 }
 
 TEST_F(Dispatcher, MayBeDestroyedByACallback) {
-    onTs([](int) { delete dispatcher(); });
+    Door door;
+    onTs([&](int) {
+        door.pass();
+        delete dispatcher();
+    });
     queue(4, m_ts.get(), 1);
     queue(1, m_cii.get(), 2);
+    door.open();
     ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
-    EXPECT_EQ(std::atomic_ref(ZenkCSSEventDispatcher::m_instance).load(), nullptr);
+    EXPECT_EQ(dispatcher(), nullptr);
     EXPECT_TRUE(m_host.take(0).empty());
 }
 
