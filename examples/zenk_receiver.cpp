@@ -1,0 +1,209 @@
+// The reference host: everything that a receiver does to offer companion-screen services, in the order in which it has
+// to be done. Meant to be copied from.
+
+#include <sys/socket.h>
+
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "examples/companion_services.h"
+#include "examples/local_port.h"
+#include "examples/print_line.h"
+#include "log/zenk_log.h"
+#include "wsserver/media_sync_server.h"
+#include "wsserver/wall_clock.h"
+#include "wsserver/websocket_service.h"
+#include "wsserver/zenk_dvbCss.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Options {
+    int port = 7681;
+    int wcPort = 6677;
+    bool noPairing = false;
+    bool noSync = false;
+    bool logControl = false;
+};
+
+/// Lends the WebSocket server a thread. `server` and its observers must outlive this object.
+class WebSocketService {
+public:
+    WebSocketService(int port, MediaSyncServer& server)
+        : m_port(port), m_result(std::async(std::launch::async, startWebSocketServer, port, &server)) {}
+
+    ~WebSocketService() {
+        sighandler(SIGTERM);  // asks the service loop to end; the future then waits for it
+    }
+
+    /// Returns when clients can connect: true, or false when the server has ended instead.
+    bool waitUntilServing() {
+        while (m_result.wait_for(10ms) != std::future_status::ready) {
+            if (acceptsConnections(m_port)) return true;
+        }
+        return false;
+    }
+
+    /// Blocks until the server ends. @return 0, or -1 when it could not be started
+    int wait() { return m_result.get(); }
+
+private:
+    const int m_port;
+    std::future<int> m_result;
+};
+
+/// Owns the wall-clock server and lends it a thread.
+class ClockService {
+public:
+    explicit ClockService(int port) : m_portText(std::to_string(port)), m_server(m_portText) {}
+
+    ~ClockService() {
+        // A stop that comes before the server has bound its port does nothing, hence the repetition. An idle server
+        // needs half a second to see it.
+        while (m_ended.valid() && m_ended.wait_for(0s) != std::future_status::ready) {
+            m_server.stopWCServer();
+            m_ended.wait_for(1s);
+        }
+    }
+
+    /// `isAnswering` false leaves the server idle.
+    void start(bool isAnswering) {
+        // The server's thread reads this byte at every pass, so a host writes it atomically.
+        std::atomic_ref(m_server.m_enableInterDevSync).store(isAnswering ? 1 : 0);
+        m_ended = std::async(std::launch::async, [this] { m_server.startWCServer(); });
+    }
+
+    void getUrl(std::string& url) { m_server.getCssWcEndpoint(url); }
+
+private:
+    std::string m_portText;
+    ZenkCSSWCServer m_server;
+    std::future<void> m_ended;
+};
+
+struct Endpoints {
+    std::string app2appLocal;
+    std::string app2appRemote;
+    std::string cssCii;
+    std::string cssTs;
+    std::string cssWc;
+};
+
+/// The URLs to publish. A receiver that moves to another network has to ask again.
+Endpoints askForEndpoints(MediaSyncServer& server, CompanionServices& companions, ClockService& clock) {
+    Endpoints urls;
+    server.getApp2AppLocalBaseUrl(urls.app2appLocal);
+    server.getApp2AppRemoteBaseUrl(urls.app2appRemote);
+    companions.getCiiUrl(urls.cssCii);
+    companions.getTsUrl(urls.cssTs);
+    clock.getUrl(urls.cssWc);
+    return urls;
+}
+
+/// Puts URLs for this machine alone in the places that stayed empty, as they do without an IPv4 address.
+void completeWithLoopback(Endpoints& urls, const Options& options) {
+    const std::string base = "ws://127.0.0.1:" + std::to_string(options.port);
+    // The path element that is a random token elsewhere. The server compares it with nothing, so any text does.
+    const std::string token = "loopback/";
+    bool isComplete = true;
+    const auto complete = [&isComplete](std::string& url, const std::string& replacement) {
+        if (!url.empty()) return;
+        url = replacement;
+        isComplete = false;
+    };
+    complete(urls.app2appLocal, base + "/local/hbbtv/" + token);
+    complete(urls.app2appRemote, base + "/remote/hbbtv/" + token);
+    complete(urls.cssCii, base + "/css-cii/" + token);
+    complete(urls.cssTs, base + "/css-ts/");
+    complete(urls.cssWc, "udp://127.0.0.1:" + std::to_string(options.wcPort));
+    if (isComplete) return;
+    std::fputs(
+        "zenk_receiver: this machine has no IPv4 address; the URLs name 127.0.0.1 and serve local clients only\n",
+        stderr);
+}
+
+void printEndpoints(const Endpoints& urls) {
+    printLine("app2app-local " + urls.app2appLocal);
+    printLine("app2app-remote " + urls.app2appRemote);
+    printLine("css-cii " + urls.cssCii);
+    printLine("css-ts " + urls.cssTs);
+    printLine("css-wc " + urls.cssWc);
+}
+
+bool isServable(int type, const char* protocol, int port) {
+    const std::error_code error = whyNotServable(type, port);
+    if (!error) return true;
+    std::fprintf(stderr, "zenk_receiver: cannot serve %s port %d: %s\n", protocol, port, error.message().c_str());
+    return false;
+}
+
+/// Both signals end the service loop, from the first moment on. The library takes SIGINT over by itself when it starts
+/// to serve; sighandler() does nothing but set an atomic flag, so it may run on any thread at any time.
+void endOnSignals() {
+    struct sigaction action {};
+    action.sa_handler = sighandler;
+    action.sa_flags = SA_RESTART;  // else the wall-clock server, when the signal hits its thread, would fail to receive
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+int run(const Options& options) {
+    endOnSignals();
+    // Told here, since the library can only say that it failed.
+    if (!isServable(SOCK_STREAM, "TCP", options.port) || !isServable(SOCK_DGRAM, "UDP", options.wcPort)) return 1;
+    if (options.logControl) zenk_log_initialize(1);
+
+    // The host owns all of these, and the library uses them until the services below have ended: they must go in the
+    // reverse order. The first server would build the dispatcher by itself, but then nobody would own it.
+    ZenkWallClock clock;
+    const std::unique_ptr<MediaSyncServer> server(MediaSyncServer::getInstance());
+    ZenkCSSEventDispatcher dispatcher;
+
+    // Before anything is served: what the URLs and the first clients depend on. Later changes go through
+    // std::atomic_ref, as here.
+    std::atomic_ref(server->m_port).store(options.port);
+    std::atomic_ref(server->enablePairing).store(!options.noPairing);
+    CompanionServices companions(*server, clock);
+    ClockService clockService(options.wcPort);
+    Endpoints urls = askForEndpoints(*server, companions, clockService);
+    completeWithLoopback(urls, options);
+    if (!options.noSync) companions.enable(urls.cssTs, urls.cssWc);
+
+    // From here on clients may come. One process can serve once.
+    WebSocketService webSockets(options.port, *server);
+    clockService.start(!options.noSync);
+    printEndpoints(urls);
+    if (webSockets.waitUntilServing()) printLine("ready");
+    if (webSockets.wait() == 0) return 0;
+    std::fprintf(stderr, "zenk_receiver: cannot serve TCP port %d\n", options.port);
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    CLI::App app("Reference host of the companion-screen services");
+    app.add_option("--port", options.port, "TCP port of the WebSocket services")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    app.add_option("--wc-port", options.wcPort, "UDP port of the wall clock")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    app.add_flag("--no-pairing", options.noPairing, "App2App clients meet, but exchange nothing");
+    app.add_flag("--no-sync", options.noSync, "refuse CSS clients and leave the wall clock idle");
+    app.add_flag("--log-control", options.logControl, "let zenk_logctl change the log while we run");
+    CLI11_PARSE(app, argc, argv);
+    try {
+        return run(options);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "zenk_receiver: %s\n", error.what());
+        return 1;
+    }
+}
