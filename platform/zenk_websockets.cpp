@@ -2,8 +2,10 @@
 
 #include <libwebsockets.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <new>
@@ -52,6 +54,17 @@ bool isFrameType(int type) {
 Connection* servedConnection(::lws* wsi) {
     Context* const context = Context::current();
     return context == nullptr ? nullptr : context->find(wsi);
+}
+
+using EmitLine = void (*)(int level, const char* line);
+std::atomic<EmitLine> g_emit{nullptr};  // libwebsockets' log is one for the process, and so is this
+
+/// The libev plug-in writes a notice whenever it changes what it waits for, several for each connection and more under
+/// load. Those would be most of a receiver's system log.
+void emitUnlessChatter(int level, const char* line) {
+    const EmitLine emit = g_emit.load(std::memory_order_relaxed);
+    const bool isChatter = level == LLL_NOTICE && std::strncmp(line, "elops_", 6) == 0;
+    if (emit != nullptr && !isChatter) emit(level, line);
 }
 
 }  // namespace
@@ -142,7 +155,8 @@ void release_when_idle(::lws* wsi, void* area, std::size_t length) {
 }
 
 void lws_set_log_level(int level, void (*emit)(int level, const char* line)) {
-    ::lws_set_log_level(level, emit);
+    g_emit.store(emit, std::memory_order_relaxed);
+    ::lws_set_log_level(level, emit == nullptr ? nullptr : emitUnlessChatter);
 }
 
 void lwsl_emit_syslog(int level, const char* line) {
