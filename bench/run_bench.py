@@ -36,7 +36,7 @@ def parse_arguments():
     parser.add_argument("--rounds", type=int, help="interleaved rounds (default 3, quick 1)")
     parser.add_argument("--seconds", type=float, help="length of one measurement (default 1, quick 0.3)")
     parser.add_argument("--rows", default="", metavar="REGEX", help="only the rows whose key matches")
-    parser.add_argument("--servers", metavar="KEYS", help="only these, separated by commas")
+    parser.add_argument("--servers", metavar="KEYS", help="only these of the usual ones, separated by commas")
     parser.add_argument("--extra", action="append", default=[], metavar="KEY=COMMAND",
                         help="one more relay, such as an older build; {port} and {udp_port} are filled in")
     parser.add_argument("--check-only", action="store_true", help="check contents, measure nothing")
@@ -61,13 +61,12 @@ def extra_server(text: str) -> Server:
 
 def choose_servers(arguments) -> tuple:
     """Those that run, and the names of those that are not built."""
-    servers = list(SERVERS) + [extra_server(text) for text in arguments.extra]
-    if arguments.servers:
-        wanted = arguments.servers.split(",")
-        unknown = set(wanted) - {server.key for server in servers}
-        if unknown:
-            sys.exit(f"no such server: {', '.join(sorted(unknown))}")
-        servers = [server for server in servers if server.key in wanted]
+    wanted = (arguments.servers or ",".join(server.key for server in SERVERS)).split(",")
+    unknown = set(wanted) - {server.key for server in SERVERS}
+    if unknown:
+        sys.exit(f"no such server: {', '.join(sorted(unknown))}")
+    servers = [server for server in SERVERS if server.key in wanted]
+    servers += [extra_server(text) for text in arguments.extra]
     built = [server for server in servers if server.is_built(arguments.build_dir)]
     return built, [server.title for server in servers if server not in built]
 
@@ -120,15 +119,16 @@ class Bench:
                 self._measure(round_, row, server)
 
     def run_micro(self):
-        for program in micro.programs():
-            path = self._arguments.build_dir / program
-            if not path.exists():
-                print(f"LEFT OUT, not built: {program}", flush=True)
-                self.left_out.append(program)
+        for program in micro.PROGRAMS:
+            if not (self._arguments.build_dir / program.name).exists():
+                print(f"LEFT OUT, not built: {program.name}", flush=True)
+                self.left_out.append(program.name)
                 continue
-            print(f"running {program}", flush=True)
-            benchmarks = self._guarded(program, micro.run_program, path, self._folder, self._arguments.quick)
-            self._keep_micro(program, benchmarks or [])
+            print(f"running {program.name}", flush=True)
+            values = self._guarded(program.name, program.run, self._arguments.build_dir, self._folder,
+                                   self._arguments.quick)
+            for row, value in (values or {}).items():
+                self._keep_micro(program.name, row, value)
 
     def results(self) -> dict:
         servers = [{"key": server.key, "title": server.title} for server in self._servers]
@@ -143,7 +143,7 @@ class Bench:
         figures = self._guarded(name, self._load, server, row.arguments, self._arguments.seconds)
         self._done += 1
         if figures is None:
-            return
+            return  # the problem has been told
         self.samples.append({"round": round_, "row": row.key, "server": server.key, "figures": figures})
         left = (time.monotonic() - self._began) / self._done * (self._total - self._done)
         print(f"[{self._done:3}/{self._total}] round {round_} {row.key:18} {server.key:12} "
@@ -161,15 +161,11 @@ class Bench:
             raise RuntimeError(done.stderr.strip() or f"bench_load ended with code {done.returncode}")
         return json.loads(done.stdout)
 
-    def _keep_micro(self, program: str, benchmarks: list):
-        for row in micro.ROWS:
-            if row.program != program:
-                continue
-            value = micro.value_of(row, benchmarks)
-            if value is None:
-                self._note(f"{program} gives no figure for {row.key}")
-            else:
-                self.samples.append({"round": 1, "row": row.key, "server": OURS, "figures": {"value": value}})
+    def _keep_micro(self, program: str, row: str, value):
+        if value is None:
+            self._note(f"{program} gives no figure for {row}")
+        else:
+            self.samples.append({"round": 1, "row": row, "server": OURS, "figures": {"value": value}})
 
     def _guarded(self, name: str, action, *arguments):
         """A measurement that fails is told and counted, and the others go on."""

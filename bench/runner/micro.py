@@ -1,4 +1,7 @@
-"""Figures of the benchmark programs that measure one part alone."""
+"""Figures of the benchmark programs that measure one part alone.
+
+Those on Google Benchmark are asked for its JSON; others print text, from which a pattern takes the figure.
+"""
 
 import json
 import re
@@ -6,60 +9,72 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
+from runner.servers import COLOUR
+
 PROGRAM_SECONDS = 180
 NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
 @dataclass(frozen=True)
-class MicroRow:
-    """`pattern` finds the benchmark by its name; `over` the one that it is divided by, if it is a ratio."""
+class GoogleFigure:
+    """Nanoseconds per turn of the first benchmark whose name matches."""
 
-    key: str
-    program: str
     pattern: str
-    rate: bool = False  # items per second; otherwise nanoseconds per turn
-    over: str = ""
+
+    def read(self, output: dict):
+        for benchmark in output["benchmarks"]:
+            if re.search(self.pattern, benchmark["name"]) and not benchmark.get("error_occurred"):
+                return benchmark["real_time"] * NANOSECONDS[benchmark["time_unit"]]
+        return None
 
 
-ROWS = (
-    MicroRow("log_printed", "log_bench", r"^printedToFile\b.*threads:1$"),
-    MicroRow("log_silent_empty", "log_bench", r"^silentWithEmptyTable\b.*threads:1$"),
-    MicroRow("log_silent_20", "log_bench", r"^silentWithFullTable\b.*threads:1$"),
-    MicroRow("dispatcher_events", "dispatcher_bench", r"^dispatcherEvents\b", rate=True),
-    MicroRow("clock_ratio", "wall_clock_bench", r"^clockServer\b", rate=True, over=r"^bareLoop\b"),
+@dataclass(frozen=True)
+class LowestInText:
+    """The lowest of the numbers that the pattern's group finds in the lines of the output."""
+
+    pattern: str
+
+    def read(self, output: str):
+        found = [float(text) for text in re.findall(self.pattern, output, re.MULTILINE)]
+        return min(found) if found else None
+
+
+@dataclass(frozen=True)
+class Program:
+    """`figures` goes by the row's key."""
+
+    name: str
+    figures: dict
+    is_google: bool = True
+    quick_arguments: tuple = ("--benchmark_min_time=0.05",)
+
+    def run(self, build: Path, folder: Path, quick: bool) -> dict:
+        """The value of each figure, None for one that the program does not give."""
+        results, output = folder / f"{self.name}.json", folder / f"{self.name}.out"
+        words = [str(build / self.name), *(self.quick_arguments if quick else ())]
+        if self.is_google:
+            words += [f"--benchmark_out={results}", "--benchmark_out_format=json"]
+        # To a file, as everywhere here: what is measured may log.
+        with open(output, "wb") as file:
+            done = subprocess.run(words, cwd=folder, stdin=subprocess.DEVNULL, stdout=file, stderr=subprocess.PIPE,
+                                  text=True, timeout=PROGRAM_SECONDS, check=False)
+        text = COLOUR.sub(b"", output.read_bytes()).decode(errors="replace")
+        output.unlink()
+        if done.returncode != 0:
+            raise RuntimeError(f"ended with code {done.returncode}: {done.stderr[-300:]}")
+        source = json.loads(results.read_text()) if self.is_google else text
+        return {key: figure.read(source) for key, figure in self.figures.items()}
+
+
+PROGRAMS = (
+    Program("log_bench", {
+        "log_printed": GoogleFigure(r"^printedToFile\b.*threads:1$"),
+        "log_silent_empty": GoogleFigure(r"^silentWithEmptyTable\b.*threads:1$"),
+        "log_silent_20": GoogleFigure(r"^silentWithFullTable\b.*threads:1$"),
+    }),
+    Program("dispatcher_bench", {"dispatcher_events": LowestInText(r"^events per second +(\d+)")}, is_google=False,
+            quick_arguments=()),
+    # One request in flight and sixteen: both have to keep up.
+    Program("wall_clock_bench", {"clock_ratio": LowestInText(r"^ *\d+ +ratio +([\d.]+)")}, is_google=False,
+            quick_arguments=("3",)),
 )
-
-
-def programs() -> list:
-    return sorted({row.program for row in ROWS})
-
-
-def run_program(path: Path, folder: Path, quick: bool) -> list:
-    """The benchmarks of one program, as its JSON file lists them."""
-    out = folder / f"{path.name}.json"
-    words = [str(path), f"--benchmark_out={out}", "--benchmark_out_format=json"]
-    if quick:
-        words.append("--benchmark_min_time=0.05")
-    done = subprocess.run(words, cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                          stderr=subprocess.PIPE, timeout=PROGRAM_SECONDS, check=False)
-    if done.returncode != 0:
-        raise RuntimeError(f"{path.name} ended with code {done.returncode}: {done.stderr.decode()[-300:]}")
-    return json.loads(out.read_text())["benchmarks"]
-
-
-def find(benchmarks: list, pattern: str, rate: bool):
-    for benchmark in benchmarks:
-        if not re.search(pattern, benchmark["name"]) or benchmark.get("error_occurred"):
-            continue
-        if rate:
-            return benchmark.get("items_per_second")
-        return benchmark["real_time"] * NANOSECONDS[benchmark["time_unit"]]
-    return None
-
-
-def value_of(row: MicroRow, benchmarks: list):
-    value = find(benchmarks, row.pattern, row.rate)
-    if not row.over or value is None:
-        return value
-    base = find(benchmarks, row.over, row.rate)
-    return value / base if base else None

@@ -55,14 +55,16 @@ class Output(unittest.TestCase):
 
 
 class Micro(unittest.TestCase):
-    def test_units_and_ratios(self):
-        benchmarks = [{"name": "a/threads:1", "real_time": 2.0, "time_unit": "us", "items_per_second": 30.0},
-                      {"name": "b", "real_time": 1.0, "time_unit": "ns", "items_per_second": 60.0}]
-        row = micro.MicroRow("k", "p", "^a/.*threads:1$")
-        self.assertEqual(micro.value_of(row, benchmarks), 2000.0)
-        self.assertIsNone(micro.value_of(micro.MicroRow("k", "p", "^c$"), benchmarks))
-        ratio = micro.MicroRow("k", "p", "^a", rate=True, over="^b$")
-        self.assertEqual(micro.value_of(ratio, benchmarks), 0.5)
+    def test_google_figures_have_their_unit_and_none_is_made_up(self):
+        output = {"benchmarks": [{"name": "printed/threads:16", "real_time": 9.0, "time_unit": "ns"},
+                                 {"name": "printed/threads:1", "real_time": 2.0, "time_unit": "us"}]}
+        self.assertEqual(micro.GoogleFigure("^printed.*threads:1$").read(output), 2000.0)
+        self.assertIsNone(micro.GoogleFigure("^other").read(output))
+
+    def test_the_worst_line_of_a_text_counts(self):
+        figure = micro.PROGRAMS[-1].figures["clock_ratio"]
+        self.assertEqual(figure.read("  1  ratio   0.981   1.0\n 16  ratio   0.870   1.1\n"), 0.87)
+        self.assertIsNone(figure.read("1  zenk  5000\n"))
 
 
 if __name__ == "__main__":
