@@ -10,7 +10,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/net_util.h"
 #include "tests/support/raw_client.h"
-#include "tests/support/ws_client.h"
+#include "tests/support/sanitizer.h"
 
 namespace zenk_test {
 namespace {
@@ -18,7 +18,6 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_view_literals;
 
-constexpr bool kIsSanitized = ZENK_IS_SANITIZED;  // memory says nothing then, and everything takes longer
 constexpr auto kGreeting = "\x81\x10pairingcompleted"sv;
 constexpr auto kGoodbye = "\x88\x02\x03\xE8"sv;
 constexpr std::size_t kMiB = 1024 * 1024;
