@@ -44,7 +44,10 @@ std::string message(int number) {
 class Backpressure : public testing::Test {
 protected:
     Backpressure() : m_port(freePort()) {}
-    ~Backpressure() override { zenk_ws::limits() = zenk_ws::Limits(); }
+    ~Backpressure() override {
+        m_server.reset();  // it reads the limits
+        zenk_ws::limits() = zenk_ws::Limits();
+    }
 
     void serve() {
         m_server = std::make_unique<LayerServer>(m_port);

@@ -20,7 +20,10 @@ using namespace std::string_view_literals;
 class Layer : public testing::Test {
 protected:
     Layer() : m_port(freePort()) {}
-    ~Layer() override { zenk_ws::limits() = zenk_ws::Limits(); }
+    ~Layer() override {
+        m_server.reset();  // it reads the limits
+        zenk_ws::limits() = zenk_ws::Limits();
+    }
 
     void serve() {
         m_server = std::make_unique<LayerServer>(m_port);
