@@ -5,6 +5,8 @@
 #include <span>
 #include <vector>
 
+#include "platform/ws_limits.h"
+
 namespace zenk_ws {
 
 /// The header of a server's frame (RFC 6455, 5.2: unmasked).
@@ -30,8 +32,8 @@ public:
 private:
     // Enough for a pass in which a hundred pairs speak; what is beyond goes back to the heap.
     static constexpr std::size_t kMaxKept = 256;
-    static constexpr std::size_t kMaxKeptBytes = 1024 * 1024;
-    static constexpr std::size_t kMaxKeptBuffer = 256 * 1024;
+    static constexpr std::size_t kMaxKeptBytes = kMiB;
+    static constexpr std::size_t kMaxKeptBuffer = 256 * kKiB;
 
     std::vector<Buffer> m_free;
     std::size_t m_freeBytes = 0;

@@ -26,11 +26,12 @@ bool SessionRecord::holds(const void* begin, std::size_t length) const {
 }
 
 void SessionRecord::releasePages(void* area, std::size_t length) const {
-    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const auto begin = reinterpret_cast<std::uintptr_t>(area);
-    const std::uintptr_t first = (begin + page - 1) & ~(page - 1);
-    const std::uintptr_t end = (begin + length) & ~(page - 1);
-    if (end > first) madvise(reinterpret_cast<void*>(first), end - first, MADV_DONTNEED);
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    // A record begins at a page.
+    const auto begin = static_cast<std::size_t>(static_cast<char*>(area) - static_cast<char*>(m_data));
+    const std::size_t first = (begin + page - 1) / page * page;
+    const std::size_t end = (begin + length) / page * page;
+    if (end > first) madvise(static_cast<char*>(m_data) + first, end - first, MADV_DONTNEED);
 }
 
 }  // namespace zenk_ws

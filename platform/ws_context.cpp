@@ -15,9 +15,9 @@ constexpr lws_usec_t kTickMicroseconds = 10'000;
 constexpr std::chrono::milliseconds kWatchEvery{100};
 constexpr std::chrono::milliseconds kHeartbeatEvery{1'000};
 // A read takes the smaller of the two; the library's 4 KiB halve the throughput of large messages.
-constexpr unsigned int kReadBytes = 128 * 1024;
+constexpr unsigned int kReadBytes = 128 * kKiB;
 // One send() takes no more than this.
-constexpr std::size_t kSendBytes = 1024 * 1024;
+constexpr std::size_t kSendBytes = kMiB;
 
 thread_local Context* t_current = nullptr;
 

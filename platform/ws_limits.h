@@ -5,19 +5,22 @@
 
 namespace zenk_ws {
 
+inline constexpr std::size_t kKiB = 1024;
+inline constexpr std::size_t kMiB = 1024 * kKiB;
+
 /// The bounds that the layer keeps. The values are for a home network; tests shorten the times.
 struct Limits {
     // One send() per message is most of what a relay costs; one per 64 KiB is noise.
-    std::size_t earlyFlushBytes = 64 * 1024;
+    std::size_t earlyFlushBytes = 64 * kKiB;
     // Above this the sender is not read any more, below a quarter of it it is read again.
-    std::size_t highWaterBytes = 256 * 1024;
-    std::size_t lowWaterBytes = 64 * 1024;
+    std::size_t highWaterBytes = 256 * kKiB;
+    std::size_t lowWaterBytes = 64 * kKiB;
     // A sender that has finished can leave as much as its socket's receive buffer holds; it must be read to be kept.
-    std::size_t finishedSenderBytes = 6 * 1024 * 1024;
+    std::size_t finishedSenderBytes = 6 * kMiB;
     // For writes without a sender to slow down.
-    std::size_t hostWriteBytes = 8 * 1024 * 1024;
+    std::size_t hostWriteBytes = 8 * kMiB;
     // What one connection may send in one turn, so that a fast reader does not hold the loop.
-    std::size_t turnBytes = 256 * 1024;
+    std::size_t turnBytes = 256 * kKiB;
 
     std::chrono::milliseconds backlogStall{30'000};  // a backlog without progress ends its connection
     std::chrono::milliseconds closeStall{5'000};     // the same once a close was asked for, and for its answer
