@@ -1,15 +1,20 @@
 // The reference host: everything that a receiver does to offer companion-screen services, in the order in which it has
 // to be done. Meant to be copied from.
 
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <CLI/CLI.hpp>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <exception>
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "examples/companion_services.h"
 #include "examples/local_port.h"
@@ -64,27 +69,36 @@ public:
     explicit ClockService(int port) : m_portText(std::to_string(port)), m_server(m_portText) {}
 
     ~ClockService() {
-        // A stop that comes before the server has bound its port does nothing, hence the repetition. An idle server
-        // needs half a second to see it.
-        while (m_ended.valid() && m_ended.wait_for(0s) != std::future_status::ready) {
-            m_server.stopWCServer();
-            m_ended.wait_for(1s);
-        }
+        if (!m_thread.joinable()) return;
+        while (m_ended.wait_for(0s) != std::future_status::ready) endServer();
+        m_thread.join();
     }
 
     /// `isAnswering` false leaves the server idle.
     void start(bool isAnswering) {
         // The server's thread reads this byte at every pass, so a host writes it atomically.
         std::atomic_ref(m_server.m_enableInterDevSync).store(isAnswering ? 1 : 0);
-        m_ended = std::async(std::launch::async, [this] { m_server.startWCServer(); });
+        std::packaged_task<void()> serve([this] { m_server.startWCServer(); });
+        m_ended = serve.get_future();
+        m_thread = std::thread(std::move(serve));
     }
 
     void getUrl(std::string& url) { m_server.getCssWcEndpoint(url); }
 
 private:
+    /// Needs repetition: a stop that comes before the server has bound its port does nothing.
+    void endServer() {
+        m_server.stopWCServer();
+        // An idle server takes half a second to see it.
+        if (m_ended.wait_for(1s) == std::future_status::ready) return;
+        // The library wakes the server by a datagram, which cannot travel while the loopback interface is down.
+        pthread_kill(m_thread.native_handle(), SIGTERM);
+    }
+
     std::string m_portText;
     ZenkCSSWCServer m_server;
     std::future<void> m_ended;
+    std::thread m_thread;
 };
 
 struct Endpoints {
@@ -147,8 +161,7 @@ bool isServable(int type, const char* protocol, int port) {
 /// to serve; sighandler() does nothing but set an atomic flag, so it may run on any thread at any time.
 void endOnSignals() {
     struct sigaction action {};
-    action.sa_handler = sighandler;
-    action.sa_flags = SA_RESTART;  // else the wall-clock server, when the signal hits its thread, would fail to receive
+    action.sa_handler = sighandler;  // without SA_RESTART: the signal is also what interrupts a receive that must end
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
