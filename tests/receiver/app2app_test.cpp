@@ -1,0 +1,103 @@
+// Two applications find each other through the printed URLs.
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "tests/receiver/receiver.h"
+#include "tests/support/raw_client.h"
+#include "tests/support/ws_client.h"
+
+using namespace zenk_test;
+
+namespace {
+
+struct Pair {
+    WsClient local;
+    WsClient remote;
+};
+
+/// Connects both sides of `name`. The sides have answered the handshake, so the server knows them.
+bool connectPair(Receiver& receiver, const std::string& name, Pair& pair) {
+    return pair.local.connect(receiver.port(), receiver.path("app2app-local") + name) &&
+           pair.remote.connect(receiver.port(), receiver.path("app2app-remote") + name);
+}
+
+bool meet(Receiver& receiver, const std::string& name, Pair& pair) {
+    return connectPair(receiver, name, pair) && pair.local.receiveText() == "pairingcompleted" &&
+           pair.remote.receiveText() == "pairingcompleted";
+}
+
+TEST(App2App, PairsRelaysBothWaysAndClosesThePartnerWith1000) {
+    Receiver receiver;
+    Pair pair;
+    ASSERT_TRUE(meet(receiver, "game?level=3", pair));
+    ASSERT_TRUE(pair.local.sendText("h\xc3\xa9llo"));
+    EXPECT_EQ(pair.remote.receive(), (WsClient::Message{"h\xc3\xa9llo", false}));
+    const std::string bytes("\x00\xff\x80 bytes", 9);
+    ASSERT_TRUE(pair.remote.sendFragments({bytes.substr(0, 2), "", bytes.substr(2)}, true));
+    EXPECT_EQ(pair.local.receive(), (WsClient::Message{bytes, true}));
+    ASSERT_TRUE(pair.local.sendText(""));
+    EXPECT_EQ(pair.remote.receive(), (WsClient::Message{"", false}));
+    EXPECT_TRUE(pair.local.close());
+    EXPECT_EQ(pair.remote.closeCode(), 1000);
+    // A reset ends the partner too, and the endpoint can be used again.
+    Pair next;
+    ASSERT_TRUE(meet(receiver, "game?level=3", next));
+    next.remote.reset();
+    EXPECT_EQ(next.local.closeCode(), 1000);
+    EXPECT_EQ(receiver.end(SIGTERM), 0);
+}
+
+TEST(App2App, LargeMessagesArriveWholeAndInOrder) {
+    Receiver receiver;
+    Pair pair;
+    ASSERT_TRUE(meet(receiver, "bulk", pair));
+    for (const std::size_t size : {125u, 126u, 65535u, 65536u, 131072u}) {
+        const std::string data(size, static_cast<char>('a' + size % 26));
+        ASSERT_TRUE(pair.local.sendBinary(data)) << size;
+        const auto received = pair.remote.receive();
+        ASSERT_TRUE(received) << size;
+        EXPECT_TRUE(received->data == data) << size;
+    }
+}
+
+TEST(App2App, WithoutPairingNothingIsExchanged) {
+    Receiver receiver({"--no-pairing"});
+    Pair pair;
+    ASSERT_TRUE(connectPair(receiver, "game", pair));
+    ASSERT_TRUE(pair.local.sendText("hello?"));
+    EXPECT_TRUE(pair.local.close());
+    // The partner hears of the end, and of nothing before it.
+    EXPECT_EQ(pair.remote.receive(), std::nullopt);
+    EXPECT_EQ(pair.remote.closeCode(), 1000);
+}
+
+TEST(App2App, BadClientsDisturbNobodyAndLeaveNothing) {
+    Receiver receiver;
+    Pair pair;
+    ASSERT_TRUE(meet(receiver, "quiet", pair));
+    const std::size_t descriptors = receiver.process().openDescriptors();
+    RawClient bad;
+    ASSERT_TRUE(bad.connect(receiver.port()));
+    bad.send("\x16\x03\x01 this is no HTTP \r\n\r\n");
+    EXPECT_TRUE(bad.waitForEnd());
+    bad.close();
+    ASSERT_TRUE(bad.connect(receiver.port()));
+    bad.send(handshakeRequest("/local/hbbtv/x/half").substr(0, 40));
+    bad.reset();
+    // Text that is no UTF-8 is answered with 1007 and never relayed.
+    ASSERT_TRUE(bad.upgrade(receiver.port(), receiver.path("app2app-local") + "bad"));
+    ASSERT_TRUE(bad.send(clientFrame(0x81, "\xc0\xaf")));
+    EXPECT_EQ(bad.receive(4), std::string("\x88\x02\x03\xef", 4));
+    bad.reset();
+    ASSERT_TRUE(bad.upgrade(receiver.port(), receiver.path("app2app-local") + "bad"));
+    ASSERT_TRUE(bad.send("\xff\xff\xff\xff\xff\xff"));
+    EXPECT_TRUE(bad.waitForEnd());
+    bad.close();
+    EXPECT_TRUE(waitUntil([&] { return receiver.process().openDescriptors() == descriptors; }));
+    ASSERT_TRUE(pair.local.sendText("still here"));
+    EXPECT_EQ(pair.remote.receiveText(), "still here");
+}
+
+}  // namespace
