@@ -53,10 +53,24 @@ void silentWithFullTable(benchmark::State& state) {
     for (auto _ : state) trace("PLUGIN_21");
 }
 
+void emptyOutput() {
+    [[maybe_unused]] const int result = ftruncate(STDOUT_FILENO, 0);
+}
+
+// The line that a receiver prints at the default levels, one for each relayed message.
 void printedToFile(benchmark::State& state) {
     onlyOnce(state, [] {
+        emptyTable();
+        emptyOutput();
+    });
+    for (auto _ : state) zenk_log_print(LOG_TYPE_ERROR, "PLUGIN", kFile, "onMessage", 321, nullptr, nullptr);
+}
+
+// A trace line with a text, beside spdlog's line of the same pattern.
+void printedTextToFile(benchmark::State& state) {
+    onlyOnce(state, [] {
         fullTable();
-        [[maybe_unused]] const int result = ftruncate(STDOUT_FILENO, 0);
+        emptyOutput();
     });
     for (auto _ : state) trace("PLUGIN");
 }
@@ -64,6 +78,7 @@ void printedToFile(benchmark::State& state) {
 BENCHMARK(silentWithEmptyTable)->ThreadRange(1, 4)->UseRealTime();
 BENCHMARK(silentWithFullTable)->ThreadRange(1, 4)->UseRealTime();
 BENCHMARK(printedToFile)->ThreadRange(1, 4)->UseRealTime();
+BENCHMARK(printedTextToFile)->ThreadRange(1, 4)->UseRealTime();
 
 #ifdef ZENK_BENCH_SPDLOG
 spdlog::logger& spdlogLogger() {
