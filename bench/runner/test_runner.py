@@ -56,8 +56,8 @@ class Output(unittest.TestCase):
 
 class Micro(unittest.TestCase):
     def test_google_figures_have_their_unit_and_none_is_made_up(self):
-        output = {"benchmarks": [{"name": "printed/threads:16", "real_time": 9.0, "time_unit": "ns"},
-                                 {"name": "printed/threads:1", "real_time": 2.0, "time_unit": "us"}]}
+        output = {"benchmarks": [{"name": "printed/threads:16", "cpu_time": 9.0, "time_unit": "ns"},
+                                 {"name": "printed/threads:1", "cpu_time": 2.0, "time_unit": "us"}]}
         self.assertEqual(micro.GoogleFigure("^printed.*threads:1$").read(output), 2000.0)
         self.assertIsNone(micro.GoogleFigure("^other").read(output))
 
