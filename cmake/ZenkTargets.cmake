@@ -1,4 +1,7 @@
-# What every target of ours has in common: warnings, sanitizers, hidden symbols.
+# What every target of ours has in common: warnings, sanitizers, hardening, hidden symbols.
+
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
 
 add_library(zenk_build_flags INTERFACE)
 target_compile_features(zenk_build_flags INTERFACE cxx_std_20)
@@ -12,6 +15,16 @@ target_compile_options(zenk_build_flags INTERFACE
 if(ZENK_SANITIZE)
   target_compile_options(zenk_build_flags INTERFACE -fsanitize=${ZENK_SANITIZE} -fno-omit-frame-pointer)
   target_link_options(zenk_build_flags INTERFACE -fsanitize=${ZENK_SANITIZE})
+elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  # Bytes from the network pass through here. Level 3 sees more buffers, but older compilers do not know it; and some
+  # distributions set a level of their own, which would be a redefinition.
+  set(zenk_fortify_level 2)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 12)
+    set(zenk_fortify_level 3)
+  endif()
+  target_compile_options(zenk_build_flags INTERFACE
+    -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=${zenk_fortify_level})
+  target_link_options(zenk_build_flags INTERFACE LINKER:-z,relro,-z,now)
 endif()
 
 # zenk_object_library(NAME SOURCES...): objects for the shared library that the tests link too.
@@ -22,9 +35,23 @@ function(zenk_object_library name)
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
 
+# zenk_shared_library(NAME SOURCES...): a library that finds its neighbours beside itself, wherever it is installed.
+function(zenk_shared_library name)
+  add_library(${name} SHARED ${ARGN})
+  target_link_libraries(${name} PRIVATE zenk_build_flags)
+  set_target_properties(${name} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+    BUILD_RPATH "\$ORIGIN" BUILD_RPATH_USE_ORIGIN ON INSTALL_RPATH "\$ORIGIN")
+  target_link_options(${name} PRIVATE LINKER:--as-needed)
+  # Clang's sanitizers leave their run-time library to the program.
+  if(NOT (ZENK_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"))
+    target_link_options(${name} PRIVATE LINKER:-z,defs)
+  endif()
+endfunction()
+
 # zenk_program(NAME SOURCES...): an executable of ours.
 function(zenk_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE zenk_build_flags)
-  set_target_properties(${name} PROPERTIES BUILD_RPATH "\$ORIGIN" BUILD_RPATH_USE_ORIGIN ON)
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
+    BUILD_RPATH "\$ORIGIN" BUILD_RPATH_USE_ORIGIN ON)
 endfunction()
