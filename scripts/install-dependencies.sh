@@ -10,6 +10,8 @@ PACKAGES="$PACKAGES libwebsockets-evlib-ev"
 # Tests and benchmarks, with the peers that they are compared to.
 PACKAGES="$PACKAGES libgtest-dev libbenchmark-dev libspdlog-dev libboost-dev libwebsocketpp-dev
     python3 python3-websockets iproute2 procps"
+# The browser that opens the demo page in the tests.
+PACKAGES="$PACKAGES chromium"
 # The checks: second compiler, format, scripts.
 PACKAGES="$PACKAGES clang clang-format clang-tidy shellcheck git"
 
