@@ -13,21 +13,22 @@ as_parameter() {
 # Passes the receiver's lines on and makes the demo's URL of them.
 announce_demo() {
     trap '' INT TERM # we end with the receiver's output, which goes on while it shuts down
-    local query="" line
+    local query="" line plain
     while IFS= read -r line; do
         printf '%s\n' "$line"
-        case $line in
-        *"app2app-local "*) query+=$(as_parameter local "${line##* }") ;;
-        *"app2app-remote "*) query+=$(as_parameter remote "${line##* }") ;;
-        *"css-cii "*) query+=$(as_parameter cii "${line##* }") ;;
-        *"css-ts "*) query+=$(as_parameter ts "${line##* }") ;;
-        *ready) break ;;
+        plain=${line#$'\033[0m'} # the colour of a log line ends at the beginning of the line that follows
+        case $plain in
+        "app2app-local "*) query+=$(as_parameter local "${plain#* }") ;;
+        "app2app-remote "*) query+=$(as_parameter remote "${plain#* }") ;;
+        "css-cii "*) query+=$(as_parameter cii "${plain#* }") ;;
+        "css-ts "*) query+=$(as_parameter ts "${plain#* }") ;;
+        ready)
+            echo "The demo: file://${PWD// /%20}/examples/demo/index.html?${query%&}" >&2
+            exec cat # as fast as a detailed log needs it
+            ;;
         esac
     done
-    if [ -n "$line" ]; then
-        echo "The demo: file://${PWD// /%20}/examples/demo/index.html?${query%&}" >&2
-    fi
-    exec cat # as fast as a detailed log needs it
+    printf '%s' "$line" # the receiver ended before, perhaps within a line
 }
 
 # Standard output belongs to the receiver, whose lines others read; what we say goes to standard error.

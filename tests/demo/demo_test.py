@@ -1,9 +1,11 @@
 #!/usr/bin/python3
 """Lets the demo page run by itself in headless Chromium: demo_test.py RECEIVER PAGE. Exits with 77 to skip."""
 
+import html
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
@@ -60,7 +62,7 @@ def page_parameters(output, receiver):
     """The receiver's URLs once it is ready."""
     if receiver.poll() is not None:
         sys.exit(f"demo_test: the receiver ended with {receiver.returncode}")
-    lines = output.read_text().splitlines()
+    lines = re.sub(r"\x1b\[[0-9;]*m", "", output.read_text()).splitlines()
     if "ready" not in lines:
         return None
     words = [line.split() for line in lines]
@@ -81,7 +83,7 @@ def result_of_page(port, page):
     opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
     try:
         with opener.open(f"http://127.0.0.1:{port}/json", timeout=10) as answer:
-            titles = [target["title"] for target in json.load(answer) if target["url"].startswith(page)]
+            titles = [html.unescape(target["title"]) for target in json.load(answer) if target["url"].startswith(page)]
     except (urllib.error.URLError, TimeoutError):
         return None
     return next((title for title in titles if title.startswith(("passed", "failed"))), None)
