@@ -6,22 +6,20 @@
 
 #include "tests/server/front_end.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/plain_pairing.h"
 #include "wsserver/paired_apps.h"
 
 namespace {
 
 using zenk_test::Action;
+using zenk_test::Actions;
+using zenk_test::goodbye;
+using zenk_test::PlainPairing;
 using zenk_test::takeActions;
 using zenk_test::takeTrace;
+using zenk_test::text;
 using zenk_test::Trace;
-using Actions = std::vector<Action>;
 
-Action text(lws* wsi, const std::string& bytes) {
-    return {Action::kWrite, wsi, 0, bytes};
-}
-Action goodbye(lws* wsi) {
-    return {Action::kClose, wsi, 1000, ""};
-}
 Actions completed(lws* local, lws* remote) {
     return {text(local, "pairingcompleted"), text(remote, "pairingcompleted")};
 }
@@ -131,61 +129,6 @@ TEST_F(Pairing, TracesItsSteps) {
     EXPECT_EQ(server.handlePairingMsg(nullptr, 0, 4711, false), 0);
     EXPECT_EQ(server.handlePairingClose(0), 0) << "an absent side is no socket";
 }
-
-/// The rules written as plain walks over the list.
-struct PlainPairing {
-    struct Record {
-        std::string endpoint;
-        int fd[2] = {0, 0};
-        lws* wsi[2] = {nullptr, nullptr};
-        bool isPaired = false;
-    };
-    std::vector<Record> list;
-    Actions actions;
-    bool isEnabled = true;
-
-    void connect(const std::string& endpoint, int side, int fd, lws* wsi) {
-        for (Record& r : list) {
-            if (r.endpoint != endpoint || r.isPaired || r.fd[1 - side] == 0 || r.wsi[1 - side] == nullptr) continue;
-            r.isPaired = true;
-            r.fd[side] = fd;
-            r.wsi[side] = wsi;
-            if (!isEnabled) return;
-            for (lws* each : r.wsi) actions.push_back(text(each, "pairingcompleted"));
-            return;
-        }
-        Record& r = list.emplace_back();
-        r.endpoint = endpoint;
-        r.fd[side] = fd;
-        r.wsi[side] = wsi;
-    }
-    std::vector<Record>::iterator find(int fd) {
-        return std::find_if(list.begin(), list.end(), [fd](Record& r) { return r.fd[0] == fd || r.fd[1] == fd; });
-    }
-    int message(int fd, const std::string& bytes, bool binary) {
-        const auto r = find(fd);
-        if (r == list.end()) return 0;
-        for (const int to : {1, 0}) {
-            if (!isEnabled || r->fd[1 - to] != fd || r->wsi[to] == nullptr) continue;
-            actions.push_back({Action::kWrite, r->wsi[to], binary ? 1 : 0, bytes});
-        }
-        return 1;
-    }
-    int close(int fd) {
-        const auto r = find(fd);
-        if (r == list.end()) return 0;
-        const int side = r->fd[0] == fd ? 0 : 1;
-        if ((r->fd[0] == fd && r->wsi[1] == nullptr) || (r->fd[1] == fd && r->wsi[0] == nullptr)) {
-            list.erase(r);
-            return 1;
-        }
-        r->fd[side] = 0;
-        r->wsi[side] = nullptr;
-        r->isPaired = false;
-        actions.push_back(goodbye(r->wsi[1 - side]));
-        return 1;
-    }
-};
 
 // Sockets and endpoints are few, so that one socket often stands in several records, or on both sides of one.
 TEST_F(Pairing, MatchesThePlainWalkInRandomSequences) {

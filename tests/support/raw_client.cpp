@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <utility>
 
 namespace zenk_test {
@@ -13,9 +14,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 bool waitFor(int fd, short events, Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now());
     pollfd entry{fd, events, 0};
-    return poll(&entry, 1, static_cast<int>(std::max<Milliseconds::rep>(left.count(), 0))) > 0;
+    int ready = -1;
+    do {
+        const auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now());
+        ready = poll(&entry, 1, static_cast<int>(std::max<Milliseconds::rep>(left.count(), 0)));
+    } while (ready < 0 && errno == EINTR);  // a fuzzer's timer ticks
+    return ready > 0;
 }
 
 void appendBigEndian(std::string& out, std::uint64_t value, int bytes) {
