@@ -76,8 +76,9 @@ void deliverMessage(lws* wsi, ClientSessionData& session) {
     const MessageEnd end(wsi, session);
     unsigned char* const message = payloadOf(session);
     std::size_t length = std::min<std::size_t>(session.rx, kMaxMessageBytes);
-    // A text that was cut must not end inside a character, or its relay would be an invalid frame.
-    if (session.rx > kMaxMessageBytes && session.binary == 0) {
+    // A text that was cut must not end inside a character, or its relay would be an invalid frame. One that just fills
+    // the area may have been cut too: the next fragment has set `rx` back. A whole one ends with a character anyway.
+    if (session.rx >= kMaxMessageBytes && session.binary == 0) {
         length = wholeUtf8Length(message, length);
         std::memset(message + length, 0, kMaxMessageBytes - length);
     }

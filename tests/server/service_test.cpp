@@ -169,6 +169,9 @@ TEST_F(ServiceTest, CutsOverlongMessagesAndReportsTheLimit) {
     EXPECT_EQ(client.last, full.substr(2)) << "a text ends with a whole character";
     EXPECT_EQ(client.byteBehind, 0);
     EXPECT_TRUE(isAtRest());
+    receive(full.substr(2) + "\xE2\x82\xAC", false);
+    receive("", true);
+    EXPECT_EQ(client.last, full.substr(2)) << "also when an empty fragment ends it";
     receive("next", true);
     EXPECT_EQ(client.last, "next");
 }
