@@ -20,7 +20,8 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "Shared library: App2App pairing, CSS-CI
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # libwebsockets loads its libev plug-in by name at run time, where no tool finds it.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS libwebsockets-evlib-ev)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzenk-hbbtv-wsserver-dev)
 set(CPACK_COMPONENT_DEV_DESCRIPTION "Headers, CMake package and pkg-config file to build a host with.")
