@@ -1,4 +1,7 @@
 #pragma once
 
+/// @file
+/// The mark of what a host may use.
+
 /// Marks what the shared library shows to a host; everything else stays hidden.
 #define ZENK_API __attribute__((visibility("default")))

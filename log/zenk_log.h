@@ -2,6 +2,7 @@
 
 #include "log/zenk_export.h"
 
+/// @file
 /// The diagnostic log: trace lines on standard output, with a level per module that an outside process can change
 /// while the library runs.
 ///

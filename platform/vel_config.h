@@ -4,6 +4,9 @@
 
 #include "log/zenk_export.h"
 
+/// @file
+/// What the library asks of the receiver's configuration.
+
 /// Reads one whole number from the receiver's configuration. A receiver brings a library of its own with this call;
 /// the one built here stands in for it, so that the servers run on any Linux machine. It reads an INI file:
 ///

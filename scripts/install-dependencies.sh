@@ -12,8 +12,8 @@ PACKAGES="$PACKAGES libgtest-dev libbenchmark-dev libspdlog-dev libboost-dev lib
     python3 python3-websockets iproute2 procps"
 # The browser that opens the demo page in the tests.
 PACKAGES="$PACKAGES chromium"
-# The checks: second compiler, format, scripts.
-PACKAGES="$PACKAGES clang clang-format clang-tidy shellcheck git"
+# The checks: second compiler, format, scripts, reference.
+PACKAGES="$PACKAGES clang clang-format clang-tidy doxygen shellcheck git"
 
 is_installed() {
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]

@@ -13,6 +13,9 @@
 #include "platform/thread_annotations.h"
 #include "wsserver/websocket_service.h"
 
+/// @file
+/// Admission, client ids, App2App pairing, observers and the URLs to publish.
+
 class MediaSyncServer;
 class PairedApps;
 struct _pairedApp;

@@ -5,6 +5,9 @@
 
 #include "log/zenk_export.h"
 
+/// @file
+/// The time source of the wall-clock server, and its message.
+
 /// The system clock that a ZenkWallClock reads. Any other value can be stored too and gives a clock that stands at 0.
 enum ZenkWallClockType : std::int32_t {
     WALLCLOCK_MONOTONIC = 0,         ///< CLOCK_MONOTONIC: steered by the system's time service
@@ -15,17 +18,17 @@ enum ZenkWallClockType : std::int32_t {
 /// A wall-clock message (ETSI TS 103 286-2, CSS-WC) in host byte order, in the order of its 32 bytes on the wire.
 /// Of the first four fields only the low-order 8 bits travel.
 struct ZenkWCMessage {
-    std::int32_t version;
+    std::int32_t version;       ///< 0; a reply repeats that of its request
     std::int32_t message_type;  ///< 0 request, 1 response
     std::int32_t precision;  ///< log2 of the clock's precision in seconds; a decoded one is 0 to 255, not sign-extended
-    std::int32_t reserved;
-    std::uint32_t max_freq_error;  ///< in 1/256 part per million
-    std::uint32_t originate_timevalue_secs;
-    std::uint32_t originate_timevalue_nanos;
-    std::uint32_t receive_timevalue_secs;
-    std::uint32_t receive_timevalue_nanos;
-    std::uint32_t transmit_timevalue_secs;
-    std::uint32_t transmit_timevalue_nanos;
+    std::int32_t reserved;   ///< 0; a reply repeats that of its request
+    std::uint32_t max_freq_error;             ///< in 1/256 part per million
+    std::uint32_t originate_timevalue_secs;   ///< when the device sent the request, by its own clock
+    std::uint32_t originate_timevalue_nanos;  ///< the rest of it, in ns
+    std::uint32_t receive_timevalue_secs;     ///< when the request came, by the wall clock
+    std::uint32_t receive_timevalue_nanos;    ///< the rest of it, in ns
+    std::uint32_t transmit_timevalue_secs;    ///< when the response left, by the wall clock
+    std::uint32_t transmit_timevalue_nanos;   ///< the rest of it, in ns
 };
 
 /// The time source of the wall-clock server: one of three monotonic system clocks, with its measured tick.

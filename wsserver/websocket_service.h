@@ -5,6 +5,9 @@
 
 #include "log/zenk_export.h"
 
+/// @file
+/// The WebSocket service: one object hears of all connections that one thread serves.
+
 struct lws;
 
 /// Free bytes in front of every payload area, as the WebSocket library wants them (LWS_PRE).
@@ -20,6 +23,7 @@ inline constexpr std::size_t kMaxMessageBytes = 131072;
 struct ClientSessionData {
     std::uint32_t rx;  ///< bytes of the current message gathered so far
     std::uint32_t tx;  ///< running total of bytes that the writeable event has sent
+    /// Headroom, then the payload area.
     unsigned char buf[kSessionHeadroom + kMaxMessageBytes];
     std::int32_t len;           ///< length of the last fragment; -1 once the writeable event has sent it
     std::int32_t final;         ///< non-zero: the last fragment ended its message

@@ -16,6 +16,9 @@
 #include "wsserver/css_client_list.h"
 #include "wsserver/media_sync_server.h"
 
+/// @file
+/// The CSS servers (ETSI TS 103 286-2) and the dispatcher that carries their events to the host.
+
 namespace zenk {
 class CssEventLine;
 }
@@ -27,23 +30,23 @@ enum ZenkCSSEvent : unsigned int {
     CSS_EVENT_CII_NEW_CLIENT = 0,    ///< a client of the server has connected; no message
     CSS_EVENT_CII_MESSAGE = 1,       ///< it has sent a message
     CSS_EVENT_CII_CLIENT_LEAVE = 2,  ///< it has gone, its id is free of meaning now; no message
-    CSS_EVENT_TS_NEW_CLIENT = 3,
-    CSS_EVENT_TS_MESSAGE = 4,
-    CSS_EVENT_TS_CLIENT_LEAVE = 5,
+    CSS_EVENT_TS_NEW_CLIENT = 3,     ///< as event 0
+    CSS_EVENT_TS_MESSAGE = 4,        ///< as event 1
+    CSS_EVENT_TS_CLIENT_LEAVE = 5,   ///< as event 2
 };
 
 /// An event on its way from a server to the event thread.
 struct ZenkDispatcherInfo {
-    ZenkCSSEvent event;
-    void* server;  ///< a ZenkCSSCIIServer for events 0 to 2, a ZenkCSSTSServer for 3 to 5; only they tell which
+    ZenkCSSEvent event;  ///< what has happened
+    void* server;        ///< a ZenkCSSCIIServer for events 0 to 2, a ZenkCSSTSServer for 3 to 5; only they tell which
     std::int32_t clientId;  ///< the client concerned
     std::string message;    ///< its message, NUL bytes included; empty when the event has none
 };
 
 /// What the host's callback gets. It belongs to the event thread and is good only until the callback returns.
 struct ZenkCSSEevntInfo {
-    std::int32_t clientId;
-    std::string message;  ///< the client's bytes, NUL bytes included; empty when the event has none
+    std::int32_t clientId;  ///< the client concerned
+    std::string message;    ///< the client's bytes, NUL bytes included; empty when the event has none
 };
 
 /// The host's callback: event, what came with it, and the pointer that was registered with the callback.
