@@ -74,6 +74,7 @@ private:
 
     static int onEvent(::lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t len);
     int dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::size_t len);
+    int onAccept(::lws* wsi, int fd);
     int onHandshake(::lws* wsi);
     void onEstablished(Connection& connection);
     void onReceive(Connection& connection, void* in, std::size_t len);
@@ -118,6 +119,7 @@ private:
     Clock::time_point m_now = Clock::now();
     Clock::time_point m_nextWatch;
     Clock::time_point m_nextHeartbeat;
+    Clock::time_point m_nextShortageLine;
     std::size_t m_announced = 0;
     bool m_isStopping = false;
 };

@@ -1,4 +1,6 @@
 // What libwebsockets tells us, and what of it goes up.
+#include <sys/resource.h>
+
 #include <exception>
 #include <new>
 
@@ -11,16 +13,29 @@ namespace {
 
 constexpr int kRefuse = -1;
 constexpr int kServiceUnavailable = 503;
+// For the host and for ourselves: a URL or a configuration value takes one or two for a moment.
+constexpr rlim_t kSpareDescriptors = 16;
+constexpr std::chrono::minutes kTellShortageEvery{1};
 
 Connection* connectionOf(::lws* wsi) {
     return static_cast<Connection*>(::lws_get_opaque_user_data(wsi));
 }
 
+/// The system gives the lowest free number, so a high one means that nearly all below it are taken.
+bool leavesSpareDescriptors(int fd) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
+    return static_cast<rlim_t>(fd) + kSpareDescriptors < limit.rlim_cur;
+}
+
 }  // namespace
 
-int Context::onEvent(::lws* wsi, lws_callback_reasons reason, void*, void* in, std::size_t len) {
+int Context::onEvent(::lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t len) {
     auto* const context = static_cast<Context*>(::lws_context_user(::lws_get_context(wsi)));
     try {
+        if (reason == LWS_CALLBACK_FILTER_NETWORK_CONNECTION) {
+            return context->onAccept(wsi, static_cast<lws_filter_network_conn_args*>(user)->accept_fd);
+        }
         return context->dispatch(wsi, reason, in, len);
     } catch (const std::exception& error) {
         // Out of memory for one connection must not end the others.
@@ -31,8 +46,6 @@ int Context::onEvent(::lws* wsi, lws_callback_reasons reason, void*, void* in, s
 
 int Context::dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::size_t len) {
     switch (reason) {
-        case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
-            return tellUp(wsi, reason, nullptr, in, len);
         case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
             return checkUpgrade(wsi, static_cast<const char*>(in));
         case LWS_CALLBACK_HTTP:
@@ -83,6 +96,17 @@ int Context::dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::si
 /// The upper callback throws nothing: that is part of its contract.
 int Context::tellUp(::lws* wsi, int reason, void* user, void* in, std::size_t len) const {
     return m_upper->callback(wsi, reason, user, in, len);
+}
+
+/// A connection that libwebsockets cannot accept keeps its listening socket ready: it would spin and fill the system
+/// log until somebody leaves. So the last ones are accepted and ended.
+int Context::onAccept(::lws* wsi, int fd) {
+    if (leavesSpareDescriptors(fd)) return tellUp(wsi, LWS_CALLBACK_FILTER_NETWORK_CONNECTION, nullptr, nullptr, 0);
+    if (m_now >= m_nextShortageLine) {
+        m_nextShortageLine = m_now + kTellShortageEvery;
+        _lws_log(kLogError, "ending new connections: the process is short of descriptors\n");
+    }
+    return kRefuse;
 }
 
 int Context::onHandshake(::lws* wsi) {

@@ -1,9 +1,13 @@
 // The layer over real sockets: what its header promises, with clients that share no code with it.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <random>
 #include <thread>
+#include <vector>
 
 #include "platform/ws_limits.h"
 #include "tests/platform/layer_server.h"
@@ -265,6 +269,43 @@ TEST_F(Layer, FindsPeersThatVanishedWithoutAWord) {
     EXPECT_TRUE(vanished.waitForEnd());
     std::this_thread::sleep_for(1500ms);  // as long again
     EXPECT_EQ(m_server->counts().closed, 1) << "a client that answers pings was hung up";
+}
+
+/// Lets the process open `more` descriptors and no more.
+class DescriptorLimit {
+public:
+    explicit DescriptorLimit(int more) {
+        getrlimit(RLIMIT_NOFILE, &m_before);
+        const int next = dup(STDIN_FILENO);  // the lowest that is free
+        close(next);
+        rlimit now = m_before;
+        now.rlim_cur = static_cast<rlim_t>(next + more);
+        setrlimit(RLIMIT_NOFILE, &now);
+    }
+    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_before); }
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+private:
+    rlimit m_before{};
+};
+
+TEST_F(Layer, EndsNewConnectionsBeforeTheDescriptorsRunOut) {
+    serve();
+    const DescriptorLimit limit(40);  // each connection takes two of them, its client's and its server's
+    std::vector<std::unique_ptr<RawClient>> clients;
+    const auto connectOne = [&] {
+        clients.push_back(std::make_unique<RawClient>());
+        return clients.back()->upgrade(m_port, "/l/" + std::to_string(clients.size()));
+    };
+    int served = 0;
+    while (served < 20 && connectOne()) ++served;
+    EXPECT_GE(served, 5);
+    EXPECT_LT(served, 15) << "none were kept back";
+    EXPECT_TRUE(clients.back()->waitForEnd());
+    clients.clear();
+    EXPECT_TRUE(waitForCounts(served, served));
+    EXPECT_TRUE(connectOne()) << "nobody gets in after the shortage";
 }
 
 TEST_F(Layer, ServesWithThePollLoopToo) {
