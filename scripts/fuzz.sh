@@ -50,9 +50,14 @@ for target in "$@"; do
     mkdir -p "$corpus"
     echo "fuzz: $target for $seconds s"
     # Standard output is the library's own talk: closed. A run that hangs for 60 seconds is a finding.
-    if ! "build-fuzz/${target}_fuzz" -max_total_time="$seconds" -timeout=60 -max_len=4096 -close_fd_mask=1 \
+    status=0
+    "build-fuzz/${target}_fuzz" -max_total_time="$seconds" -timeout=60 -max_len=4096 -close_fd_mask=1 \
         -artifact_prefix="build-fuzz/findings/$target-" -print_final_stats=1 \
-        "$corpus" "tests/fuzz/corpus/$target" >"$log" 2>&1; then
+        "$corpus" "tests/fuzz/corpus/$target" >"$log" 2>&1 || status=$?
+    if [ "$status" -eq 72 ]; then # libFuzzer's own: SIGINT or SIGTERM came
+        echo "fuzz: $target was interrupted; no finding so far" >&2
+        exit 1
+    elif [ "$status" -ne 0 ]; then
         tail -n 40 "$log" >&2
         echo "fuzz: FINDING in $target; the whole report is in $log, the input in build-fuzz/findings/" >&2
         echo "fuzz: again with: build-fuzz/${target}_fuzz build-fuzz/findings/$target-FILE" >&2
