@@ -25,7 +25,7 @@ class GoogleFigure:
         for benchmark in output["benchmarks"]:
             if re.search(self.pattern, benchmark["name"]) and not benchmark.get("error_occurred"):
                 # Processor time: what a neighbour on the machine takes is none of ours.
-        return benchmark["cpu_time"] * NANOSECONDS[benchmark["time_unit"]]
+                return benchmark["cpu_time"] * NANOSECONDS[benchmark["time_unit"]]
         return None
 
 
