@@ -92,7 +92,8 @@ bool Context::open(const lws_context_creation_info& info, bool isWithLibev) {
     ours.options = info.options & ~kOptionValidateUtf8;  // done in Connection, faster and without the library's gaps
     ours.pt_serv_buf_size = kReadBytes;
     ours.timeout_secs = static_cast<unsigned int>(limits().handshake.count());
-    ours.retry_and_idle_policy = &m_noIdlePolicy;  // Connection::heartbeat() does it
+    ours.timeout_secs_ah_idle = ours.timeout_secs;  // replaces the other from the first byte on; 10 s by itself
+    ours.retry_and_idle_policy = &m_noIdlePolicy;   // Connection::heartbeat() does it
     ours.user = this;
     void* loops[1] = {nullptr};
     if (isWithLibev) {
