@@ -248,6 +248,11 @@ void Context::close(Connection& connection, int status) {
     if (connection.acceptsWrites()) connection.startClose(status);
 }
 
+void Context::setReading(Connection& connection, bool isOn) {
+    serveRequests();  // or an earlier one would undo this
+    connection.setCallerHold(!isOn);
+}
+
 void Context::setPhase(Connection& connection, Connection::Phase phase) {
     zenk::MutexLock lock(m_mutex);
     connection.setPhase(phase);

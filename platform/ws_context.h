@@ -41,6 +41,7 @@ public:
     Connection* find(::lws* wsi);
     int write(Connection& connection, std::span<const std::uint8_t> payload, int type);
     void close(Connection& connection, int status);
+    void setReading(Connection& connection, bool isOn);
 
     // For Connection.
     BufferPool& pool() { return m_pool; }

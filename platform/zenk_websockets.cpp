@@ -116,7 +116,7 @@ int lws_rx_flow_control(::lws* wsi, int enable) {
     return guarded([&] {
         Connection* const connection = servedConnection(wsi);
         if (connection != nullptr) {
-            connection->setCallerHold(enable == 0);
+            Context::current()->setReading(*connection, enable != 0);
         } else {
             Context::postReading(wsi, enable != 0);
         }

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "platform/thread_annotations.h"
+#include "wsserver/css_backlog.h"
 
 class ZenkCSSEventDispatcher;
 struct ZenkDispatcherInfo;
@@ -38,7 +39,7 @@ private:
 /// - a dispatcher that goes waits for posts and for its thread;
 /// - the thread finds out that its dispatcher has gone, also when one of its own callbacks destroyed it.
 ///
-/// Lock order: m_mutex, then the dispatcher's m_queueMutex.
+/// Lock order: m_mutex, then the dispatcher's m_queueMutex, then the backlog's.
 class CssEventLine {
 public:
     explicit CssEventLine(ZenkCSSEventDispatcher& dispatcher);
@@ -60,6 +61,9 @@ public:
     void detach(const void* server);
 
     // For the dispatcher.
+
+    /// What the queue holds of each client; has its own lock.
+    CssBacklog& backlog() { return m_backlog; }
 
     /// Starts the event thread unless it is alive. @return its id, or 0 when the system gives no thread
     pthread_t startThread();
@@ -90,6 +94,7 @@ private:
 
     ZenkCSSEventDispatcher& m_dispatcher;  // touched while m_isOpen, or from inside m_posts
     CallGate m_posts;
+    CssBacklog m_backlog;
 
     Mutex m_mutex;                          // held briefly; never during a callback
     std::condition_variable_any m_changed;  // with m_mutex: a call has ended that somebody waits for, or the thread has

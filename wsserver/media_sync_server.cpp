@@ -198,6 +198,13 @@ void MediaSyncServer::leaveServer(ClientObserver& observer) {
 
 MediaSyncServer* MediaSyncServer::m_instance = nullptr;
 
+/// Keeps two first calls of getInstance() from building two instances, and the instance alive while the event thread
+/// holds or resumes one of its clients. Taken before the registry lock.
+static zenk::Mutex& instanceMutex() {
+    static zenk::Mutex mutex;
+    return mutex;
+}
+
 MediaSyncServer::MediaSyncServer()
     : mClientIdIndex(0), m_port(0), enablePairing(false), m_pairing(std::make_unique<PairedApps>(m_pairedApps)) {
     storeShared(m_instance, this);
@@ -211,15 +218,17 @@ MediaSyncServer::~MediaSyncServer() {
         for (ClientObserver* observer : m_observers) leaveServer(*observer);
     }
     storeShared(m_port, 0);
-    storeShared<MediaSyncServer*>(m_instance, nullptr);
+    {
+        zenk::MutexLock lock(instanceMutex());
+        storeShared<MediaSyncServer*>(m_instance, nullptr);
+    }
     m_pairing->clear();
     storeShared(enablePairing, false);
 }
 
 MediaSyncServer* MediaSyncServer::getInstance() {
     ZENK_TRACE_ENTER();
-    static zenk::Mutex creation;  // two first calls must not build two instances
-    zenk::MutexLock lock(creation);
+    zenk::MutexLock lock(instanceMutex());
     MediaSyncServer* instance = loadShared(m_instance);
     if (instance == nullptr) {
         instance = new MediaSyncServer;
@@ -406,6 +415,15 @@ void MediaSyncServer::observerCloseClientConnection(int clientId) {
         return;
     }
     ZENK_TRACE_LEAVE();
+}
+
+void MediaSyncServer::holdClient(int clientId, bool isHeld) {
+    zenk::MutexLock instanceLock(instanceMutex());
+    MediaSyncServer* const instance = loadShared(m_instance);
+    if (instance == nullptr) return;
+    zenk::MutexLock lock(instance->m_registryMutex);
+    const auto client = instance->m_clientMap.find(clientId);
+    if (client != instance->m_clientMap.end()) zenk_ws::lws_rx_flow_control(client->second, isHeld ? 0 : 1);
 }
 
 // ---------------------------------------------------------------- pairing

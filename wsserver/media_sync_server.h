@@ -19,6 +19,9 @@
 class MediaSyncServer;
 class PairedApps;
 struct _pairedApp;
+namespace zenk {
+class CssBacklog;
+}
 
 /// Base class of whatever wants to hear of WebSocket clients and talk to them; the CSS servers are such observers.
 /// MediaSyncServer::addObserver() connects it to a server. An observer names clients by client id: a positive int that
@@ -197,7 +200,12 @@ public:
 
 private:
     friend class ClientObserver;
+    friend class zenk::CssBacklog;
     class ObserverWalk;
+
+    /// Stops the reading of a client of the instance, or lets it go on; nothing happens when either has gone.
+    /// @thread any, also while the host destroys the instance; never blocks
+    ZENK_HIDDEN static void holdClient(int clientId, bool isHeld);
 
     void leaveServer(ClientObserver& observer);
     int registerConnection(int socketFd, const std::string& uri);

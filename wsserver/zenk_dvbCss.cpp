@@ -131,16 +131,27 @@ void ZenkCSSEventDispatcher::queueEvent(ZenkDispatcherInfo* info) {
         return;
     }
     try {
-        auto record = std::make_unique<ZenkDispatcherInfo>(*info);
-        const zenk::MutexLock lock(m_queueMutex);
-        m_queue.push_back(record.get());
-        record.release();
+        enqueue(*info);
     } catch (const std::exception&) {
         ZENK_TRACE_ERROR();  // no memory: this event is lost
         return;
     }
     wake();
     ZENK_TRACE_LEAVE();
+}
+
+// Counted before the thread can take it.
+void ZenkCSSEventDispatcher::enqueue(const ZenkDispatcherInfo& info) {
+    auto record = std::make_unique<ZenkDispatcherInfo>(info);
+    m_line->backlog().add(*record);
+    try {
+        const zenk::MutexLock lock(m_queueMutex);
+        m_queue.push_back(record.get());
+    } catch (const std::exception&) {
+        m_line->backlog().remove(*record);
+        throw;
+    }
+    record.release();
 }
 
 void ZenkCSSEventDispatcher::processEvent() {
@@ -177,18 +188,23 @@ bool ZenkCSSEventDispatcher::waitForWake() {
 }
 
 std::unique_ptr<ZenkDispatcherInfo> ZenkCSSEventDispatcher::takeRecord() {
-    const zenk::MutexLock lock(m_queueMutex);
-    if (m_queue.empty()) return nullptr;
-    std::unique_ptr<ZenkDispatcherInfo> record(m_queue.front());
-    m_queue.pop_front();
+    std::unique_ptr<ZenkDispatcherInfo> record;
+    {
+        const zenk::MutexLock lock(m_queueMutex);
+        if (m_queue.empty()) return nullptr;
+        record.reset(m_queue.front());
+        m_queue.pop_front();
+    }
+    m_line->backlog().remove(*record);
     return record;
 }
 
 /// Releases the queued records of one server, or all of them if `server` is null.
 void ZenkCSSEventDispatcher::discardRecords(const void* server) {
     const zenk::MutexLock lock(m_queueMutex);
-    std::erase_if(m_queue, [server](ZenkDispatcherInfo* record) {
+    std::erase_if(m_queue, [this, server](ZenkDispatcherInfo* record) {
         if (server != nullptr && record->server != server) return false;
+        m_line->backlog().remove(*record);
         delete record;
         return true;
     });

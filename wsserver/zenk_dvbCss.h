@@ -61,6 +61,9 @@ using ZenkCSSEventCallback = void (*)(ZenkCSSEvent, ZenkCSSEevntInfo*, void cons
 /// detached thread, "zenk-css-event", that delivers. Whoever queues only copies its event and goes on, so that a slow
 /// callback never holds up the network. The first CSS server that is built creates the dispatcher, the others share it.
 ///
+/// Nothing is dropped. A client with more than 4 MiB in the queue is not read until the host has taken half of it, and
+/// no client that sends is read while the queue holds more than 64 MiB in all, so that memory stays bounded.
+///
 /// The host owns it. Destroyed or not, the servers stay usable: without a dispatcher they drop their events, and a
 /// server built after its destruction creates a new one. No exception leaves it but std::bad_alloc of the constructor.
 class ZENK_API ZenkCSSEventDispatcher {
@@ -104,6 +107,7 @@ private:
 
     void wake();
     bool waitForWake();
+    ZENK_HIDDEN void enqueue(const ZenkDispatcherInfo& info);
     std::unique_ptr<ZenkDispatcherInfo> takeRecord();
     void discardRecords(const void* server);
 

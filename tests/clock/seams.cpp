@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <utility>
 
@@ -11,7 +10,6 @@ namespace {
 std::mutex g_mutex;  // guards all below
 std::deque<timespec> g_reads;
 clockid_t g_lastClock = -1;
-std::map<std::string, std::string> g_trace;
 std::string g_address;
 
 }  // namespace
@@ -33,16 +31,6 @@ clockid_t takeLastClock() {
     return std::exchange(g_lastClock, -1);
 }
 
-std::string traceOf(const std::string& function) {
-    std::lock_guard lock(g_mutex);
-    return g_trace[function];
-}
-
-void clearTrace() {
-    std::lock_guard lock(g_mutex);
-    g_trace.clear();
-}
-
 void setLocalAddress(const std::string& address) {
     std::lock_guard lock(g_mutex);
     g_address = address;
@@ -54,7 +42,6 @@ extern "C" {
 
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __wrap_clock_gettime(clockid_t clock, timespec* now);
-void __wrap_zenk_log_print(int type, const char*, const char*, const char* function, int, const char*, const void*);
 int __wrap__Z14getLocalIpAddrPci(char* address, int length);
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
@@ -64,11 +51,6 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now) {
     *now = g_reads.front();
     g_reads.pop_front();
     return 0;
-}
-
-void __wrap_zenk_log_print(int type, const char*, const char*, const char* function, int, const char*, const void*) {
-    std::lock_guard lock(g_mutex);
-    g_trace[function] += "ELXIS"[type];
 }
 
 int __wrap__Z14getLocalIpAddrPci(char* address, int length) {

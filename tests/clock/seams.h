@@ -13,10 +13,6 @@ std::size_t readsLeft();
 /// The clock that was read last since the last call; -1 for none.
 clockid_t takeLastClock();
 
-/// The trace lines of one function so far, as letters: E enter, L leave, X error.
-std::string traceOf(const std::string& function);
-void clearTrace();
-
 /// The receiver's address; empty for none.
 void setLocalAddress(const std::string& address);
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "wsserver/media_sync_server.h"
@@ -16,6 +17,10 @@ void leave(int clientId);
 
 /// The ids that were asked to close since the last call, in that order.
 std::vector<int> takeClosed();
+
+/// The clients that were held (true) and resumed (false) since the last call, in that order.
+using Hold = std::pair<int, bool>;
+std::vector<Hold> takeHolds();
 
 /// The text that both URL operations give.
 extern std::string url;

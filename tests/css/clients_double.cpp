@@ -12,8 +12,9 @@ std::mutex g_turn;  // guards all below; held while observers are called
 std::vector<ClientObserver*> g_observers;
 std::set<int> g_live;
 int g_lastId = 0;
-std::mutex g_closedMutex;
+std::mutex g_closedMutex;  // guards the next two
 std::vector<int> g_closed;
+std::vector<clients::Hold> g_holds;
 
 }  // namespace
 
@@ -47,6 +48,11 @@ void clients::leave(int clientId) {
 std::vector<int> clients::takeClosed() {
     const std::lock_guard lock(g_closedMutex);
     return std::exchange(g_closed, {});
+}
+
+std::vector<clients::Hold> clients::takeHolds() {
+    const std::lock_guard lock(g_closedMutex);
+    return std::exchange(g_holds, {});
 }
 
 Client::~Client() = default;
@@ -104,6 +110,10 @@ void MediaSyncServer::addObserver(ClientObserver* observer) {
 void MediaSyncServer::removeObserver(ClientObserver* observer) {
     const std::lock_guard lock(g_turn);
     std::erase(g_observers, observer);
+}
+void MediaSyncServer::holdClient(int clientId, bool isHeld) {
+    const std::lock_guard lock(g_closedMutex);
+    g_holds.emplace_back(clientId, isHeld);
 }
 void MediaSyncServer::getInterDevSyncUrl(std::string& text) {
     text = clients::url;

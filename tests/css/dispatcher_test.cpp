@@ -9,7 +9,6 @@
 
 #include "tests/css/clients.h"
 #include "tests/css/css_host.h"
-#include "tests/css/trace_record.h"
 
 // With sanitizers everything takes longer, and the amount matters less than the mixture.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
@@ -81,24 +80,12 @@ TEST_F(Dispatcher, DeliversBothServersEventsInQueueOrderWithTheirOwnBytes) {
         queue(event, server, static_cast<int>(event) + 10, event == 4 ? "a\0b\0"s : "");
         queue(6, server, 1);       // no such event
         queue(event, nullptr, 1);  // nobody's event
+        dispatcher()->queueEvent(nullptr);
     }
+    EXPECT_EQ(cssEventThread(nullptr), nullptr);
     const std::vector<Event> expected{{5, 15, ""}, {0, 10, ""},        {3, 13, ""},
                                       {1, 11, ""}, {4, 14, "a\0b\0"s}, {2, 12, ""}};
     EXPECT_EQ(m_host.take(expected.size()), expected);
-}
-
-TEST_F(Dispatcher, TracesQueueingAndTheThread) {
-    TraceRecord trace;
-    dispatcher()->queueEvent(nullptr);
-    EXPECT_EQ(trace.take(), "+queueEvent !queueEvent ");
-    queue(6, m_cii.get(), 1);
-    EXPECT_EQ(trace.take(), "+queueEvent -queueEvent ");
-    EXPECT_EQ(cssEventThread(nullptr), nullptr);
-    EXPECT_EQ(trace.take(), "+cssEventThread -cssEventThread ");
-    delete dispatcher();
-    EXPECT_EQ(trace.take(), "+~ZenkCSSEventDispatcher -~ZenkCSSEventDispatcher ");
-    new ZenkCSSEventDispatcher;
-    EXPECT_EQ(trace.take(), "+ZenkCSSEventDispatcher +startEventThread -startEventThread -ZenkCSSEventDispatcher ");
 }
 
 TEST_F(Dispatcher, DeliversEachOfManyEventsOnceAndInOrderPerProducer) {
@@ -252,6 +239,71 @@ TEST_F(Dispatcher, ServerDestructionWaitsForItsCallbackAndTakesItsRecordsAlong) 
     EXPECT_TRUE(finished);
     opener.join();
     EXPECT_EQ(m_host.take(1), (std::vector<Event>{{1, 3, "for the living"}}));
+}
+
+// A host that takes nothing: who floods is held once, at 4 MiB, and resumed when half of that has been delivered.
+TEST_F(Dispatcher, HoldsAClientThatIsAheadOfTheHostAndDropsNothing) {
+    using Holds = std::vector<clients::Hold>;
+    Door entered, door;
+    int delivered = 0;
+    onTs([&](int clientId) {
+        if (clientId != 7) return;
+        if (++delivered == 1) entered.open();
+        if (delivered == 1) door.pass();
+    });
+    constexpr int kMessages = 100;
+    const std::string message(100'000, 'm');
+    queue(4, m_ts.get(), 7, message);
+    ASSERT_TRUE(entered.pass());
+    for (int i = 1; i <= 41; ++i) queue(4, m_ts.get(), 7, message);
+    EXPECT_EQ(clients::takeHolds(), Holds{}) << "a little below the mark";
+    for (int i = 42; i < kMessages; ++i) queue(4, m_ts.get(), 7, message);
+    queue(4, m_ts.get(), 8, message);
+    EXPECT_EQ(clients::takeHolds(), (Holds{{7, true}}));
+    door.open();
+    ASSERT_TRUE(eventually([] { return clients::takeHolds() == Holds{{7, false}}; }));
+    ASSERT_TRUE(m_cii && eventually([&] {
+                    queue(2, m_cii.get(), 1);
+                    return !m_host.take(1).empty();
+                }));
+    EXPECT_EQ(delivered, kMessages);
+}
+
+TEST_F(Dispatcher, HoldsWhoeverSendsWhenAllTogetherAreAhead) {
+    dispatcher()->stopEventThread();
+    ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+    const std::string message(1'000'000, 'm');
+    int id = 100;
+    while (clients::takeHolds().empty()) queue(4, m_ts.get(), ++id, message);  // each id below its own mark
+    EXPECT_EQ(id, 168) << "64 MiB";
+    queue(4, m_ts.get(), 101);
+    EXPECT_EQ(clients::takeHolds(), (std::vector<clients::Hold>{{101, true}}));
+    dispatcher()->startEventThread();
+    std::vector<clients::Hold> resumed;
+    ASSERT_TRUE(eventually([&] {
+        for (const clients::Hold& hold : clients::takeHolds()) resumed.push_back(hold);
+        return resumed.size() == 2;
+    }));
+    std::sort(resumed.begin(), resumed.end());
+    EXPECT_EQ(resumed, (std::vector<clients::Hold>{{101, false}, {168, false}}));
+}
+
+// Nobody stays held for a message that will never be delivered.
+TEST_F(Dispatcher, ResumesItsClientsWhenAServerOrTheDispatcherGoes) {
+    const std::string message(5'000'000, 'm');
+    for (const bool isServerFirst : {true, false}) {
+        dispatcher()->stopEventThread();
+        ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+        auto server = std::make_unique<ZenkCSSCIIServer>();
+        queue(1, server.get(), 7, message);
+        EXPECT_EQ(clients::takeHolds(), (std::vector<clients::Hold>{{7, true}}));
+        if (isServerFirst) {
+            server.reset();
+        } else {
+            delete dispatcher();
+        }
+        EXPECT_EQ(clients::takeHolds(), (std::vector<clients::Hold>{{7, false}}));
+    }
 }
 
 // Each order of destruction, while the service thread and the event thread are at work; with two threads at it too.

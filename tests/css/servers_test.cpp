@@ -7,7 +7,6 @@
 
 #include "tests/css/clients.h"
 #include "tests/css/css_host.h"
-#include "tests/css/trace_record.h"
 
 namespace {
 
@@ -23,14 +22,6 @@ struct Cii {
     static constexpr auto kRegister = &Server::registerCIIEventCallback;
     static constexpr auto kUnregister = &Server::unRegisterCIIEventCallback;
     static constexpr auto kEndpoint = &Server::getCssCiiEndpoint;
-    static constexpr const char* kClass = "ZenkCSSCIIServer";
-    static constexpr const char* kAdded = "+addCiiClientId -addCiiClientId ";
-    static constexpr const char* kAddedTwice = "+addCiiClientId !addCiiClientId ";
-    static constexpr const char* kTested = "+ciiClientIdExists -ciiClientIdExists ";
-    static constexpr const char* kRemoved = "+removeCiiClientId ";
-    static constexpr const char* kNotRemoved = "+removeCiiClientId ";
-    static constexpr const char* kNothingToRemove = "+removeCiiClientId !removeCiiClientId ";
-    static constexpr const char* kEndpointTrace = "getCssCiiEndpoint";
 };
 
 struct Ts {
@@ -44,14 +35,6 @@ struct Ts {
     static constexpr auto kRegister = &Server::registerTSEventCallback;
     static constexpr auto kUnregister = &Server::unRegisterTSEventCallback;
     static constexpr auto kEndpoint = &Server::getCssTsEndpoint;
-    static constexpr const char* kClass = "ZenkCSSTSServer";
-    static constexpr const char* kAdded = "+addTsClientId ";
-    static constexpr const char* kAddedTwice = "+addTsClientId ";
-    static constexpr const char* kTested = "+tsClientIdExists ";
-    static constexpr const char* kRemoved = "+removeTsClientId ";
-    static constexpr const char* kNotRemoved = "+removeTsClientId -removeTsClientId ";
-    static constexpr const char* kNothingToRemove = "+removeTsClientId !removeTsClientId ";
-    static constexpr const char* kEndpointTrace = "getCssTsEndpoint";
 };
 
 template <typename Kind>
@@ -253,58 +236,6 @@ TYPED_TEST(CssServer, GivesItsEndpointInEveryState) {
     (server.*TypeParam::kEndpoint)(endpoint);
     EXPECT_EQ(endpoint, "");
     clients::url = "ws://host/";
-}
-
-// The lines that others read in the log, exit by exit.
-TYPED_TEST(CssServer, TracesAsItsTableSays) {
-    using K = TypeParam;
-    const std::string exists = K::kTested, uri = K::kUri, name = K::kClass;
-    TraceRecord trace;
-    this->build("2");
-    trace.take();
-    std::string text = "text";
-    { typename K::Server server(text); }
-    EXPECT_EQ(trace.take(), "+" + name + " -" + name + " +~" + name + " -~" + name + " ");
-
-    const auto after = [&trace](auto&& call) {
-        call();
-        return trace.take();
-    };
-    typename K::Server* const server = this->m_server.get();
-    const auto arrive = [&](std::string path, int id) { return after([&] { server->onNewClient(path.data(), id); }); };
-    const auto say = [&](int id) {
-        unsigned char bytes[] = {'h', 'i'};
-        return after([&] { server->onMessage(bytes, 2, id); });
-    };
-    const std::string queued = "+queueEvent -queueEvent ";
-    EXPECT_EQ(after([&] { this->remove(-1); }), K::kNothingToRemove);
-    EXPECT_EQ(after([&] { server->onNewClient(nullptr, 1); }), "+onNewClient !onNewClient ");
-    EXPECT_EQ(arrive(uri, 1),
-              "+onNewClient " + exists + "onNewClient:requrl=" + uri + " " + K::kAdded + queued + "-onNewClient ");
-    EXPECT_EQ(arrive(uri, 1), "+onNewClient " + exists + "!onNewClient ");
-    EXPECT_EQ(arrive("/x", 2), "+onNewClient " + exists + "onNewClient:requrl=/x -onNewClient ");
-    EXPECT_EQ(say(1), "+onMessage " + exists + "onMessage:msg=hi " + queued + "-onMessage ");
-    EXPECT_EQ(say(2), "+onMessage " + exists + "!onMessage ");
-    EXPECT_EQ(after([&] { this->add(1); }), K::kAddedTwice);
-    EXPECT_EQ(after([&] { server->getCssServerStatus(); }), "+getCssServerStatus -getCssServerStatus ");
-    this->add(2);
-    trace.take();
-    EXPECT_EQ(after([&] { server->getCssServerStatus(); }), "+getCssServerStatus ");
-    EXPECT_EQ(arrive(uri, 3), "+onNewClient " + exists);
-    EXPECT_EQ(after([&] { server->onClientLeave(3); }), "+onClientLeave " + exists + "!onClientLeave ");
-    EXPECT_EQ(after([&] { server->onClientLeave(2); }), "+onClientLeave " + exists + queued + "-onClientLeave ");
-    EXPECT_EQ(after([&] { this->remove(3); }), K::kNotRemoved);
-    EXPECT_EQ(after([&] { this->remove(1); }), K::kRemoved);
-    this->add(1);
-    trace.take();
-    EXPECT_EQ(after([&] { this->remove(-1); }), K::kNotRemoved);
-    EXPECT_EQ(after([&] { (server->*K::kEndpoint)(text); }), std::string("+") + K::kEndpointTrace + " " +
-                                                                 K::kEndpointTrace + ":url.c_str()=ws://host/ -" +
-                                                                 K::kEndpointTrace + " ");
-    EXPECT_EQ(after([&] { server->setEnableInterDevSync(false); }), "+setEnableInterDevSync -setEnableInterDevSync ");
-    EXPECT_EQ(after([&] { server->getCssServerStatus(); }), "+getCssServerStatus ");
-    EXPECT_EQ(after([&] { server->dispatchEventToMS(CSS_EVENT_CII_MESSAGE, nullptr); }),
-              "+dispatchEventToMS !dispatchEventToMS ");
 }
 
 TEST(CssServers, ShareAClientButNotTheirCounts) {

@@ -5,21 +5,15 @@
 #include <optional>
 #include <string>
 
-#include "tests/support/recording_log.h"
 #include "tests/support/recording_websockets.h"
 #include "wsserver/media_sync_server.h"
 
 namespace zenk_test {
 
-using Trace = std::vector<std::string>;
-
 /// A MediaSyncServer whose connections the test opens, feeds and closes by hand.
 class FrontEnd : public testing::Test {
 protected:
-    FrontEnd() {
-        resetLayer();
-        takeTrace();
-    }
+    FrontEnd() { resetLayer(); }
 
     int filter(lws* wsi) {
         server.m_wsi = wsi;

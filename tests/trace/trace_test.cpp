@@ -13,8 +13,10 @@
 #include <thread>
 
 #include "log/zenk_log.h"
+#include "tests/support/net_util.h"
 #include "tests/support/recording_websockets.h"
 #include "tests/trace/captured_output.h"
+#include "tests/trace/outside.h"
 #include "wsserver/media_sync_server.h"
 #include "wsserver/zenk_dvbCss.h"
 
@@ -91,6 +93,19 @@ TEST_F(Trace, OfTheRegistryAndPairing) {
     expect(
         "filter, other", [&] { open(4, "/x"), m_server->onFilterConnection(); },
         ">onFilterConnection | <onFilterConnection");
+    struct Refusing : ClientObserver {
+        int getCssServerStatus() override { return status; }
+        int status = 1;
+    } refusing;
+    m_server->addObserver(&refusing);
+    expect(
+        "filter, 403", [&] { open(4, "/x"), m_server->onFilterConnection(); }, ">onFilterConnection");
+    refusing.status = 2;
+    expect(
+        "filter, 503", [&] { open(4, "/x"), m_server->onFilterConnection(); }, ">onFilterConnection");
+    expect(
+        "connect, socket 0", [&] { m_server->handlePairingConnection("/local/hbbtv/t/n", 0, open(0, "")); },
+        ">handlePairingConnection | handlePairingConnection:endpoint.c_str()=/n | <handlePairingConnection");
     expect(
         "connect, waiting", [&] { local = connect(5, "/local/hbbtv/t/n"); },
         ">onConnect | onConnect:fulluri.c_str()=/local/hbbtv/t/n | >handlePairingConnection | "
@@ -163,36 +178,41 @@ TEST_F(Trace, OfOutboundOperations) {
         "remove", [&] { m_server->removeObserver(&observer); }, "");
 }
 
-TEST_F(Trace, OfTheUrls) {
-    // Which lines the address look-up writes depends on the machine; that it writes no leave line does not.
-    char address[16] = {};
-    m_output->take();
-    const bool isFound = getLocalIpAddr(address, 15) == 0;
-    const std::string lookUp = joined(m_output->take());
-    check("look-up", std::to_string(lookUp.starts_with(">getLocalIpAddr | ")), "1");
-    check("look-up", std::to_string(lookUp.find("<getLocalIpAddr") == lookUp.npos), "1");
-    if (isFound) {
-        check("look-up", std::to_string(lookUp.ends_with(std::string("getLocalIpAddr:ip_addr=") + address)), "1");
-    }
+const std::string kRoutes = "header\neth0\t0\t0\t3\t0\t0\t0\t0\t0\t0\t0\n";
+const std::string kFound = ">getLocalIpAddr | getLocalIpAddr:iface_name=eth0 | getLocalIpAddr:ip_addr=10.11.12.13";
 
-    std::string url;
-    const auto whole = [&](const std::string& f) {
-        return ">" + f + " | " + lookUp + " | " + (isFound ? "<" : "!") + f;
-    };
-    std::atomic_ref(m_server->m_port).store(80);
-    expect(
-        "local", [&] { m_server->getApp2AppLocalBaseUrl(url); }, whole("getApp2AppLocalBaseUrl"));
-    expect(
-        "remote", [&] { m_server->getApp2AppRemoteBaseUrl(url); }, whole("getApp2AppRemoteBaseUrl"));
-    expect(
-        "cii", [&] { m_server->getInterDevSyncUrl(url); }, whole("getInterDevSyncUrl"));
-    expect(
-        "ts", [&] { m_server->getCssTsEndpoint(url); }, whole("getCssTsEndpoint"));
-    std::string port = "6677";
+TEST_F(Trace, OfTheUrls) {
+    char address[16] = "before";
+    const auto lookUp = [&] { getLocalIpAddr(address, 15); };
+    outside::address = "";
+    expect("no table", lookUp, ">getLocalIpAddr | !getLocalIpAddr");
+    outside::routes = "";
+    expect("empty table", lookUp, ">getLocalIpAddr | !getLocalIpAddr");
+    outside::routes = "header\n";
+    expect("no route", lookUp, ">getLocalIpAddr | getLocalIpAddr:iface_name= | getLocalIpAddr:ip_addr=before");
+    outside::routes = kRoutes;
+    expect("no address", lookUp, ">getLocalIpAddr | getLocalIpAddr:iface_name=eth0 | getLocalIpAddr:ip_addr=before");
+    outside::noSockets = true;
+    expect("no socket", lookUp, ">getLocalIpAddr | getLocalIpAddr:iface_name=eth0 | !getLocalIpAddr");
+    outside::noSockets = false;
+    outside::address = "10.11.12.13";
+    expect("found", lookUp, kFound);
+
+    std::string url, port = "6677";
     ZenkCSSEventDispatcher dispatcher;  // or the server would make one that outlives this test
     ZenkCSSWCServer clock(port);
-    expect(
-        "wc", [&] { clock.getCssWcEndpoint(url); }, whole("getCssWcEndpoint"));
+    const std::pair<std::string, std::function<void()>> operations[] = {
+        {"getApp2AppLocalBaseUrl", [&] { m_server->getApp2AppLocalBaseUrl(url); }},
+        {"getApp2AppRemoteBaseUrl", [&] { m_server->getApp2AppRemoteBaseUrl(url); }},
+        {"getInterDevSyncUrl", [&] { m_server->getInterDevSyncUrl(url); }},
+        {"getCssTsEndpoint", [&] { m_server->getCssTsEndpoint(url); }},
+        {"getCssWcEndpoint", [&] { clock.getCssWcEndpoint(url); }}};
+    for (const auto& [f, operation] : operations) {
+        outside::routes = kRoutes;
+        expect("url", operation, ">" + f + " | " + kFound + " | <" + f);
+        outside::routes.reset();
+        expect("url, no address", operation, ">" + f + " | >getLocalIpAddr | !getLocalIpAddr | !" + f);
+    }
 }
 
 void ignoreEvent(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*) {
@@ -268,6 +288,9 @@ TYPED_TEST(CssTrace, OfTheServer) {
         "destructor", [&] { server.reset(); }, this->step("~" + className));
     this->expect(
         "constructor", [&] { server = std::make_unique<Server>(); }, built);
+    this->expect(
+        "disable, no server", [&] { server->setEnableInterDevSync(false); },
+        ">setEnableInterDevSync | >closeClientConnection | !closeClientConnection | <setEnableInterDevSync");
     this->m_server->addObserver(server.get());
 
     this->expect(
@@ -354,14 +377,17 @@ TYPED_TEST(CssTrace, OfTheServer) {
         ">dispatchEventToMS | !dispatchEventToMS");
 
     std::string url;
-    this->m_output->take();
-    std::string builder = N::kBuilder;
-    (this->kIsCii ? this->m_server->getInterDevSyncUrl(url) : this->m_server->getCssTsEndpoint(url));
-    const std::string build = joined(this->m_output->take());
-    this->expect(
-        "endpoint", [&] { N::endpoint(*server, url); },
-        std::string(">") + N::kEndpoint + " | >getInstance | <getInstance | " + build + " | " + N::kEndpoint +
-            ":url.c_str()=" + url + " | <" + N::kEndpoint);
+    const std::string f = N::kEndpoint, builder = N::kBuilder;
+    const std::string asked = ">" + f + " | >getInstance | <getInstance | >" + builder + " | ";
+    const auto endpoint = [&] { N::endpoint(*server, url); };
+    outside::routes.reset();
+    this->expect("endpoint, no address", endpoint,
+                 asked + ">getLocalIpAddr | !getLocalIpAddr | !" + builder + " | " + f + ":url.c_str()= | <" + f);
+    outside::routes = kRoutes;
+    outside::address = "10.11.12.13";
+    this->kIsCii ? this->m_server->getInterDevSyncUrl(url) : this->m_server->getCssTsEndpoint(url);
+    this->expect("endpoint", endpoint,
+                 asked + kFound + " | <" + builder + " | " + f + ":url.c_str()=" + url + " | <" + f);
 }
 
 TEST_F(Trace, OfTheDispatcher) {
@@ -372,6 +398,8 @@ TEST_F(Trace, OfTheDispatcher) {
         ">ZenkCSSEventDispatcher | >startEventThread | <startEventThread | <ZenkCSSEventDispatcher");
     expect(
         "queue", [&] { dispatcher->queueEvent(&record); }, ">queueEvent | <queueEvent");
+    expect(
+        "thread without a dispatcher", [] { cssEventThread(nullptr); }, ">cssEventThread | <cssEventThread");
     expect(
         "queue nothing", [&] { dispatcher->queueEvent(nullptr); }, ">queueEvent | !queueEvent");
     expect(
@@ -438,6 +466,22 @@ TEST_F(Trace, OfTheWallClockServer) {
         "stop, stopped", [&] { idle.stopWCServer(); }, ">stopWCServer | !stopWCServer");
     ZenkCSSWCServer server(port);
     std::atomic_ref(server.m_enableInterDevSync).store(1);
+    const auto refuses = [&](const char* what, const std::string& message) {
+        testing::internal::CaptureStderr();
+        expect(
+            what, [&] { server.startWCServer(); }, ">startWCServer | !startWCServer");
+        check(what, testing::internal::GetCapturedStderr(), message);
+    };
+    {
+        const Socket blocker = bindPort(client.port(), SOCK_DGRAM);
+        refuses("port taken", "bind: Address already in use\n");
+    }
+    outside::receiveFails = true;
+    refuses("nothing received", "recvfrom: Input/output error\n");
+    outside::receiveFails = false;
+    outside::noSockets = true;
+    refuses("no socket", "");
+    outside::noSockets = false;
 
     m_output->take();
     std::thread serving([&] { server.startWCServer(); });
@@ -460,6 +504,16 @@ TEST_F(Trace, OfTheWallClockServer) {
     check("stop", stepsOf("stopWCServer", From::kThisThread), ">stopWCServer | <stopWCServer");
     check("end by stop", stepsOf("startWCServer", From::kOtherThreads),
           ">startWCServer | !startWCServer | <startWCServer");
+
+    std::thread last([&] { server.startWCServer(); });
+    ASSERT_TRUE(client.ask("question"));
+    m_output->take();
+    outside::noSockets = true;
+    server.stopWCServer();
+    outside::noSockets = false;
+    check("stop, no socket", stepsOf("stopWCServer", From::kThisThread), ">stopWCServer | !stopWCServer");
+    client.send("the wake word could not");
+    last.join();
 }
 
 }  // namespace

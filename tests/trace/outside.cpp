@@ -1,0 +1,48 @@
+#include "tests/trace/outside.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+extern "C" {
+
+std::FILE* __real_fopen(const char* path, const char* mode);
+std::FILE* __wrap_fopen(const char* path, const char* mode);
+int __real_socket(int family, int type, int protocol);
+int __wrap_socket(int family, int type, int protocol);
+int __wrap_ioctl(int fd, unsigned long request, ifreq* interface);
+ssize_t __real_recvfrom(int fd, void* buffer, std::size_t size, int flags, sockaddr* from, socklen_t* length);
+ssize_t __wrap_recvfrom(int fd, void* buffer, std::size_t size, int flags, sockaddr* from, socklen_t* length);
+
+std::FILE* __wrap_fopen(const char* path, const char* mode) {
+    if (std::strcmp(path, "/proc/net/route") != 0) return __real_fopen(path, mode);
+    if (!outside::routes) return nullptr;
+    if (outside::routes->empty()) return __real_fopen("/dev/null", mode);
+    return fmemopen(outside::routes->data(), outside::routes->size(), "r");
+}
+
+int __wrap_socket(int family, int type, int protocol) {
+    if (!outside::noSockets) return __real_socket(family, type, protocol);
+    errno = EMFILE;
+    return -1;
+}
+
+// The library makes no other request than SIOCGIFADDR.
+int __wrap_ioctl(int /*fd*/, unsigned long /*request*/, ifreq* interface) {
+    sockaddr_in address{};
+    if (inet_pton(AF_INET, outside::address.c_str(), &address.sin_addr) != 1) return -1;
+    std::memcpy(&interface->ifr_addr, &address, sizeof address);
+    return 0;
+}
+
+ssize_t __wrap_recvfrom(int fd, void* buffer, std::size_t size, int flags, sockaddr* from, socklen_t* length) {
+    if (!outside::receiveFails) return __real_recvfrom(fd, buffer, size, flags, from, length);
+    errno = EIO;
+    return -1;
+}
+
+}  // extern "C"
