@@ -1,0 +1,18 @@
+#!/bin/sh
+# Runs clients of all kinds against the reference host and watches it: soak.sh [MINUTES]
+#   MINUTES  1 if not given
+# Prints a line every ten seconds and a verdict. Exit status: 0 clean, 1 not
+set -eu
+cd "$(dirname "$0")/.."
+
+case ${1:-} in
+-h | --help)
+    sed -n '2,4s/^# *//p' "$0"
+    exit 0
+    ;;
+esac
+
+scripts/install-dependencies.sh
+scripts/build.sh release zenk_receiver
+# Debian's own, which has the WebSocket package.
+exec /usr/bin/python3 tests/soak/soak.py --minutes "${1:-1}" --receiver build/zenk_receiver
