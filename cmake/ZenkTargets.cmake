@@ -13,7 +13,9 @@ target_compile_options(zenk_build_flags INTERFACE
   $<$<BOOL:${ZENK_WARNINGS_AS_ERRORS}>:-Werror>
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 if(ZENK_SANITIZE)
-  target_compile_options(zenk_build_flags INTERFACE -fsanitize=${ZENK_SANITIZE} -fno-omit-frame-pointer)
+  # The instrumentation hides from g++ what has been initialized.
+  target_compile_options(zenk_build_flags INTERFACE -fsanitize=${ZENK_SANITIZE} -fno-omit-frame-pointer
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(zenk_build_flags INTERFACE -fsanitize=${ZENK_SANITIZE})
 elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   # Bytes from the network pass through here. Level 3 sees more buffers, but older compilers do not know it; and some

@@ -13,7 +13,7 @@ PACKAGES="$PACKAGES libgtest-dev libbenchmark-dev libspdlog-dev libboost-dev lib
 # The browser that opens the demo page in the tests.
 PACKAGES="$PACKAGES chromium"
 # The checks: second compiler, format, scripts, reference.
-PACKAGES="$PACKAGES clang clang-format clang-tidy doxygen abigail-tools shellcheck git"
+PACKAGES="$PACKAGES clang clang-format libclang-rt-14-dev clang-tidy doxygen abigail-tools shellcheck git"
 
 is_installed() {
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]

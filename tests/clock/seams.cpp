@@ -7,8 +7,8 @@
 
 namespace {
 
-std::mutex g_mutex;  // guards all below
-std::deque<timespec> g_reads;
+std::mutex g_mutex;                         // guards all below
+auto& g_reads = *new std::deque<timespec>;  // never destroyed: detached threads read the clock until the very end
 clockid_t g_lastClock = -1;
 std::string g_address;
 
