@@ -159,7 +159,9 @@ int resultAfterException(int reason, const char* what) {
     return reason == zenk_ws::kEventFilterProtocolConnection ? kHttpUnavailable : 0;
 }
 
-int webSocketCallback(lws* wsi, int reason, void* user, void* in, std::size_t len) {
+// The unwinding of a cancelled thread is no C++ object; the compiler's check for null references would misfire on it.
+__attribute__((no_sanitize("null"))) int webSocketCallback(lws* wsi, int reason, void* user, void* in,
+                                                           std::size_t len) {
     try {
         return dispatchEvent(wsi, reason, user, in, len);
     } catch (const std::exception& error) {

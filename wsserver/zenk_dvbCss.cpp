@@ -83,7 +83,7 @@ void deliver(ZenkDispatcherInfo& record) {
 
 // A callback that throws loses its event only. The unwinding of a thread that ends must go on to the thread's bottom;
 // it is no C++ object, so that the compiler's check for null references misfires.
-__attribute__((no_sanitize("null"))) void deliverAndContain(ZenkDispatcherInfo& record) {
+__attribute__((noinline, no_sanitize("null"))) void deliverAndContain(ZenkDispatcherInfo& record) {
     try {
         deliver(record);
     } catch (const abi::__forced_unwind&) {
