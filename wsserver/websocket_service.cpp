@@ -178,11 +178,13 @@ const zenk_ws::lws_protocols webSocketProtocols[] = {
     {nullptr, nullptr, 0, 0, 0, nullptr},
 };
 
-// Pairing takes socket number 0 for "no socket", so no connection may get it.
-void occupyDescriptorZero() {
-    if (::fcntl(STDIN_FILENO, F_GETFD) != -1 || errno != EBADF) return;
-    const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (fd > STDIN_FILENO) ::close(fd);  // another thread was faster
+// A connection on one of them would get what the process prints; and pairing takes socket number 0 for "no socket".
+void occupyStandardDescriptors() {
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(standard, F_GETFD) != -1 || errno != EBADF) continue;
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (fd > standard) ::close(fd);  // another thread was faster
+    }
 }
 
 zenk_ws::lws_context_creation_info creationInfo(int port) {
@@ -219,7 +221,7 @@ void sighandler(int /*signal*/) {
 
 int startWebSocketServer(int port, Client* client) {
     g_client = client;
-    occupyDescriptorZero();
+    occupyStandardDescriptors();
     setlogmask(255);  // every priority
     openlog("lwsts", LOG_PID | LOG_PERROR, LOG_DAEMON);
     zenk_ws::lws_set_log_level(zenk_ws::kLogError | zenk_ws::kLogWarning | zenk_ws::kLogNotice,

@@ -79,7 +79,7 @@ public:
 /// calling thread is the service thread until then. Open connections get status 1001 when it ends.
 ///
 /// Changes of the whole process: SIGPIPE is ignored, SIGINT gets sighandler() (and keeps it after the return), syslog
-/// is opened under the name "lwsts", and descriptor 0 is opened on the null device if it is closed.
+/// is opened under the name "lwsts", and descriptors 0 to 2 are opened on the null device where they are closed.
 ///
 /// @param port    TCP port to listen on, 1 to 65535. The URLs of MediaSyncServer name `m_port`, which the host sets too
 /// @param client  receiver of all events; not null, stays the caller's and must outlive the call
