@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -170,8 +171,12 @@ private:
 void MediaSyncServer::addObserver(ClientObserver* observer) {
     if (observer == nullptr) return;
     zenk::MutexLock lock(m_registryMutex);
+    try {
+        m_observers.push_back(observer);
+    } catch (const std::exception&) {
+        return;  // no memory: it stays without a server, and its operations say so
+    }
     storeShared(observer->m_server, this);
-    m_observers.push_back(observer);
 }
 
 void MediaSyncServer::removeObserver(ClientObserver* observer) {
@@ -231,7 +236,12 @@ MediaSyncServer* MediaSyncServer::getInstance() {
     zenk::MutexLock lock(instanceMutex());
     MediaSyncServer* instance = loadShared(m_instance);
     if (instance == nullptr) {
-        instance = new MediaSyncServer;
+        try {
+            instance = new MediaSyncServer;
+        } catch (const std::exception&) {
+            ZENK_TRACE_ERROR();
+            return nullptr;
+        }
         storeShared(m_instance, instance);
     }
     ZENK_TRACE_LEAVE();
@@ -280,7 +290,11 @@ bool MediaSyncServer::copyUrl(int clientId, std::string& url) {
     zenk::MutexLock lock(m_registryMutex);
     const auto entry = m_urlMap.find(clientId);
     if (entry == m_urlMap.end()) return false;
-    url = entry->second;
+    try {
+        url = entry->second;
+    } catch (const std::exception&) {
+        return false;
+    }
     return true;
 }
 
@@ -518,11 +532,20 @@ struct AddressText {
     char text[kAddressChars + 1] = {};
 };
 
-std::string joinUrl(const AddressText& address, int port, std::string_view path, std::string_view token,
-                    std::string_view end) {
-    std::string url = "ws://";
-    url.append(address.text).append(":").append(std::to_string(port));
-    return url.append(path).append(token).append(end);
+/// "ws://ADDRESS:PORT" followed by the pieces, with the receiver's address of the moment.
+/// @return false without an address or memory; `url` is unchanged then
+bool makeUrl(std::string& url, int port, std::string_view path, std::string_view token, std::string_view end) {
+    AddressText address;
+    if (getLocalIpAddr(address.text, kAddressChars) < 0) return false;
+    try {
+        std::string made = "ws://";
+        made.append(address.text).append(":").append(std::to_string(port));
+        made.append(path).append(token).append(end);
+        url = std::move(made);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 /// Owns a socket.
@@ -558,9 +581,13 @@ std::string addressOf(const Socket& socket, const std::string& interface) {
 
 void MediaSyncServer::createRandom() {
     std::srand(static_cast<unsigned>(std::time(nullptr)));
-    makeRandomToken(m_local_random);
-    makeRandomToken(m_remote_random);
-    makeRandomToken(m_sync_random);
+    try {
+        makeRandomToken(m_local_random);
+        makeRandomToken(m_remote_random);
+        makeRandomToken(m_sync_random);
+    } catch (const std::exception&) {
+        // Without memory the tokens that are left out keep their text: nothing rests on them.
+    }
 }
 
 int getLocalIpAddr(char* ip_addr, int len) {
@@ -598,44 +625,36 @@ int getLocalIpAddr(char* ip_addr, int len) {
 
 void MediaSyncServer::getApp2AppLocalBaseUrl(std::string& url) {
     ZENK_TRACE_ENTER();
-    AddressText address;
-    if (getLocalIpAddr(address.text, kAddressChars) < 0) {
+    if (!makeUrl(url, loadShared(m_port), "/local/hbbtv/", m_local_random, "/")) {
         ZENK_TRACE_ERROR();
         return;
     }
-    url = joinUrl(address, loadShared(m_port), "/local/hbbtv/", m_local_random, "/");
     ZENK_TRACE_LEAVE();
 }
 
 void MediaSyncServer::getApp2AppRemoteBaseUrl(std::string& url) {
     ZENK_TRACE_ENTER();
-    AddressText address;
-    if (getLocalIpAddr(address.text, kAddressChars) < 0) {
+    if (!makeUrl(url, loadShared(m_port), "/remote/hbbtv/", m_remote_random, "/")) {
         ZENK_TRACE_ERROR();
         return;
     }
-    url = joinUrl(address, loadShared(m_port), "/remote/hbbtv/", m_remote_random, "/");
     ZENK_TRACE_LEAVE();
 }
 
 void MediaSyncServer::getInterDevSyncUrl(std::string& url) {
     ZENK_TRACE_ENTER();
-    AddressText address;
-    if (getLocalIpAddr(address.text, kAddressChars) < 0) {
+    if (!makeUrl(url, loadShared(m_port), "/css-cii/", m_sync_random, "/")) {
         ZENK_TRACE_ERROR();
         return;
     }
-    url = joinUrl(address, loadShared(m_port), "/css-cii/", m_sync_random, "/");
     ZENK_TRACE_LEAVE();
 }
 
 void MediaSyncServer::getCssTsEndpoint(std::string& url) {
     ZENK_TRACE_ENTER();
-    AddressText address;
-    if (getLocalIpAddr(address.text, kAddressChars) < 0) {
+    if (!makeUrl(url, loadShared(m_port), "/css-ts/", "", "")) {
         ZENK_TRACE_ERROR();
         return;
     }
-    url = joinUrl(address, loadShared(m_port), "/css-ts/", "", "");
     ZENK_TRACE_LEAVE();
 }

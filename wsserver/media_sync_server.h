@@ -87,7 +87,7 @@ public:
 
     /// Copies the URI of a client.
     /// @param url  replaced on success, unchanged on failure
-    /// @return true, or false for an id that names nobody and for an observer without a server
+    /// @return true, or false for an id that names nobody, for an observer without a server, and without memory
     /// @thread any; never blocks
     bool copyUrl(int clientId, std::string& url);
 
@@ -128,12 +128,14 @@ public:
     /// Closes no connection and destroys no observer; the observers' `m_server` becomes null.
     ~MediaSyncServer() override;
 
-    /// The instance of the process, created by the first call. Never null; the host may delete it when
-    /// startWebSocketServer() has returned. @thread any
+    /// The instance of the process, created by the first call; the host may delete it when startWebSocketServer() has
+    /// returned.
+    /// @return null, with an error trace line, only when there is no memory for the first one. @thread any
     static MediaSyncServer* getInstance();
 
     /// Registers an observer; it hears of events after those of earlier registrations, and twice if added twice.
-    /// @param observer  stays the caller's; it belongs to one server at a time. Null is ignored
+    /// @param observer  stays the caller's; it belongs to one server at a time. Null is ignored, and so is an observer
+    ///                  for which there is no memory
     /// @thread any; best before startWebSocketServer()
     void addObserver(ClientObserver* observer);
 
@@ -182,7 +184,8 @@ public:
 
     /// "ws://ADDRESS:PORT/local/hbbtv/TOKEN/": to it an application on the receiver adds its endpoint name.
     /// The four URL operations look up the receiver's address anew, see getLocalIpAddr().
-    /// @param url  replaced on success; unchanged, with an error trace line, when the receiver has no address
+    /// @param url  replaced on success; unchanged, with an error trace line, when the receiver has no address or there
+    ///             is no memory
     /// @thread any; makes a few system calls, does not wait
     void getApp2AppLocalBaseUrl(std::string& url);
 
