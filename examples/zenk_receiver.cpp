@@ -12,6 +12,7 @@
 #include <exception>
 #include <future>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
@@ -176,6 +177,7 @@ int run(const Options& options) {
     // reverse order. The first server would build the dispatcher by itself, but then nobody would own it.
     ZenkWallClock clock;
     const std::unique_ptr<MediaSyncServer> server(MediaSyncServer::getInstance());
+    if (server == nullptr) throw std::bad_alloc();
     ZenkCSSEventDispatcher dispatcher;
 
     // Before anything is served: what the URLs and the first clients depend on. Later changes go through

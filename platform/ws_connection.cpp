@@ -54,7 +54,7 @@ bool Connection::checkText(std::span<const std::uint8_t> piece) {
 int Connection::onWriteable() {
     constexpr int kSendCloseFrame = -1;
     if (m_isCloseStarted || m_isDead) return 0;  // libwebsockets comes once more when the close frame is out
-    if (!pump() || phase() != Phase::Closing) return 0;
+    if (!pump() || m_closeStatus == 0) return 0;
     m_isCloseStarted = true;
     m_progressAt = m_context.now();
     ::lws_close_reason(m_wsi, static_cast<lws_close_status>(m_closeStatus), nullptr, 0);
@@ -168,6 +168,7 @@ void Connection::limitBacklog(Connection* sender) {
 
 void Connection::holdSender(Connection& sender) {
     if (std::find(m_heldSenders.begin(), m_heldSenders.end(), &sender) != m_heldSenders.end()) return;
+    sender.m_holders.reserve(sender.m_holders.size() + 1);  // both lists change, or none
     m_heldSenders.push_back(&sender);
     sender.m_holders.push_back(this);
     sender.applyReading();
@@ -203,7 +204,25 @@ void Connection::applyReading() {
         kill();
         return;
     }
-    if (!isWanted) m_context.watch(*this);
+    if (isWanted) return;
+    askForKeepAlive();
+    m_context.watch(*this);
+}
+
+/// Nobody hears the answers to our pings while a connection is not read. The kernel then asks in their place.
+void Connection::askForKeepAlive() {
+    if (m_isKeptAlive) return;
+    m_isKeptAlive = true;
+    constexpr int kProbes = 3;
+    const auto seconds = [](std::chrono::milliseconds time) {
+        return std::max(1, static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(time).count()));
+    };
+    const int fd = ::lws_get_socket_fd(m_wsi);
+    const auto set = [fd](int level, int option, int value) { ::setsockopt(fd, level, option, &value, sizeof value); };
+    set(IPPROTO_TCP, TCP_KEEPIDLE, seconds(limits().pingAfter));
+    set(IPPROTO_TCP, TCP_KEEPINTVL, seconds((limits().hangUpAfter - limits().pingAfter) / kProbes));
+    set(IPPROTO_TCP, TCP_KEEPCNT, kProbes);
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
 }
 
 /// The loop sees nothing of a connection that is not read, not even a reset.
@@ -243,8 +262,8 @@ void Connection::kill() {
 // ---------------------------------------------------------------- what no event tells
 
 void Connection::releaseWhenIdle(void* area, std::size_t length) {
+    m_quietBytes = area == m_quietArea ? std::max(m_quietBytes, length) : length;
     m_quietArea = area;
-    m_quietBytes = length;
     m_context.watch(*this);
 }
 
@@ -252,10 +271,10 @@ bool Connection::tick(Clock::time_point now) {
     if (m_isDead) return false;
     if (!m_isReading) checkStoppedPeer();
     if (hasPeerTakenMore()) m_progressAt = now;
-    if (phase() == Phase::Open) {
-        checkProgress(now);
-    } else {
+    if (m_closeStatus != 0 || m_isCloseStarted) {
         checkClose(now);
+    } else {
+        checkProgress(now);
     }
     const bool isQuiet = hasQuietRecord(now);
     return !m_isDead && (!m_isReading || backlog() != 0 || phase() != Phase::Open || !isQuiet);
@@ -292,7 +311,8 @@ bool Connection::hasQuietRecord(Clock::time_point now) {
 }
 
 void Connection::heartbeat(Clock::time_point now) {
-    // Who is not read cannot be heard, and who has a backlog cannot hear: both are looked after by tick().
+    // Who is not read cannot be heard, and who has a backlog cannot hear. For the one the kernel asks, and the other
+    // has to take something; tick() looks after both.
     if (phase() != Phase::Open || !m_isReading || backlog() != 0) return;
     const auto silence = now - m_heardAt;
     if (silence >= limits().hangUpAfter) {

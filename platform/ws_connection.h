@@ -28,7 +28,8 @@ public:
     enum class Phase : std::uint8_t {
         Handshake,  // not open yet
         Open,
-        Closing,  // its close was asked for: no more writes, but what is queued leaves
+        Closing,  // its close was asked for: no more writes, but what is queued leaves; startClose() may be still to
+                  // come
         Ended,    // nothing leaves any more
     };
 
@@ -73,11 +74,12 @@ public:
     /// Finds peers that have vanished without a word.
     void heartbeat(Clock::time_point now);
 
-    // For the context: the places in its lists, and what other threads have asked to send and is not queued yet
-    // (guarded by the context's lock).
+    // For the context: the places in its lists; and, under the context's lock, what other threads have asked to send
+    // and is not queued yet, and whether there was no memory for a request.
     std::ptrdiff_t m_flushIndex = -1;
     bool m_isWatched = false;
     std::size_t m_requestedBytes = 0;
+    bool m_hasLostRequest = false;
 
 private:
     bool writeInPlace(const FrameHeader& header, std::span<const std::uint8_t> payload, const Connection* sender);
@@ -89,6 +91,7 @@ private:
     void releaseSenders();
     void leaveHolders();
     void applyReading();
+    void askForKeepAlive();
     void checkStoppedPeer();
 
     bool checkText(std::span<const std::uint8_t> piece);
@@ -122,6 +125,7 @@ private:
     std::vector<Connection*> m_holders;      // whose backlog keeps us from being read
     bool m_isCallerHold = false;
     bool m_isReading = true;
+    bool m_isKeptAlive = false;
     bool m_hasPeerFinished = false;  // it will send nothing more, but may have unread bytes
 
     // Closing.

@@ -3,7 +3,8 @@
 #include <ev.h>
 
 #include <algorithm>
-#include <new>
+#include <exception>
+#include <utility>
 
 #include "platform/ws_limits.h"
 
@@ -56,6 +57,19 @@ Context* Context::current() {
 }
 
 // ---------------------------------------------------------------- life
+
+/// What fails for a connection is memory. Then it is ended, since its peer would miss something; the others go on.
+template <typename Work>
+bool Context::doFor(Connection& connection, Work&& work) {
+    try {
+        work();
+        return true;
+    } catch (const std::exception& error) {
+        _lws_log(kLogError, "ending a connection: %s\n", error.what());
+        connection.kill();
+        return false;
+    }
+}
 
 std::unique_ptr<Context> Context::create(const lws_context_creation_info& info) {
     std::unique_ptr<Context> context(new Context(info));
@@ -150,7 +164,8 @@ void Context::stop() {
 void Context::sayGoodbye() {
     constexpr int kGoingAway = 1001;
     for (const auto& [wsi, connection] : m_connections) {
-        if (connection->phase() == Connection::Phase::Open) connection->startClose(kGoingAway);
+        if (connection->phase() != Connection::Phase::Open) continue;
+        doFor(*connection, [&] { connection->startClose(kGoingAway); });
     }
     const auto end = Clock::now() + limits().goodbye;
     while (m_announced != 0 && Clock::now() < end) service();
@@ -188,13 +203,15 @@ void Context::onTick() {
 
 void Context::lookAfterWatched() {
     std::erase_if(m_watched, [this](Connection* connection) {
-        connection->m_isWatched = connection->tick(m_now);
+        doFor(*connection, [&] { connection->m_isWatched = connection->tick(m_now); });
         return !connection->m_isWatched;
     });
 }
 
 void Context::sendHeartbeats() {
-    for (const auto& [wsi, connection] : m_connections) connection->heartbeat(m_now);
+    for (const auto& [wsi, connection] : m_connections) {
+        doFor(*connection, [&] { connection->heartbeat(m_now); });
+    }
 }
 
 void Context::watch(Connection& connection) {
@@ -205,8 +222,8 @@ void Context::watch(Connection& connection) {
 
 void Context::flushLater(Connection& connection) {
     if (connection.m_flushIndex >= 0) return;
-    connection.m_flushIndex = static_cast<std::ptrdiff_t>(m_flushList.size());
     m_flushList.push_back(&connection);
+    connection.m_flushIndex = static_cast<std::ptrdiff_t>(m_flushList.size()) - 1;
 }
 
 void Context::flushThrough(Connection& last) {
@@ -222,7 +239,7 @@ void Context::flushUpTo(std::size_t end) {
         Connection* const connection = m_flushList[m_flushHead++];
         if (connection == nullptr) continue;
         connection->m_flushIndex = -1;
-        connection->pump();
+        doFor(*connection, [&] { connection->pump(); });
     }
     if (m_flushHead < m_flushList.size()) return;
     m_flushList.clear();
@@ -239,18 +256,18 @@ Connection* Context::find(::lws* wsi) {
 int Context::write(Connection& connection, std::span<const std::uint8_t> payload, int type) {
     serveRequests();  // they were made before this call
     if (!connection.acceptsWrites()) return -1;
-    connection.write(payload, type, m_receiving);
-    return static_cast<int>(payload.size());
+    const bool isQueued = doFor(connection, [&] { connection.write(payload, type, m_receiving); });
+    return isQueued ? static_cast<int>(payload.size()) : -1;
 }
 
 void Context::close(Connection& connection, int status) {
     serveRequests();
-    if (connection.acceptsWrites()) connection.startClose(status);
+    if (connection.acceptsWrites()) doFor(connection, [&] { connection.startClose(status); });
 }
 
 void Context::setReading(Connection& connection, bool isOn) {
     serveRequests();  // or an earlier one would undo this
-    connection.setCallerHold(!isOn);
+    doFor(connection, [&] { connection.setCallerHold(!isOn); });
 }
 
 void Context::setPhase(Connection& connection, Connection::Phase phase) {
@@ -261,7 +278,13 @@ void Context::setPhase(Connection& connection, Connection::Phase phase) {
 // ---------------------------------------------------------------- other threads' requests
 
 int Context::postWrite(::lws* wsi, std::span<const std::uint8_t> payload, int type) {
-    return post(wsi, {wsi, 0, Request::Kind::Write, type, {payload.begin(), payload.end()}});
+    Request request{wsi, 0, Request::Kind::Write, type, {}};
+    try {
+        request.payload.assign(payload.begin(), payload.end());
+    } catch (const std::exception&) {
+        request.kind = Request::Kind::Cut;  // the peer would miss a message
+    }
+    return post(wsi, std::move(request));
 }
 
 void Context::postClose(::lws* wsi, int status) {
@@ -291,8 +314,12 @@ bool Context::take(::lws* wsi, Request& request) {
     request.serial = connection->serial();
     const std::size_t requestedBytes = connection->m_requestedBytes + request.payload.size();
     if (requestedBytes > limits().hostWriteBytes) request.kind = Request::Kind::Cut;
-    const bool isEnd = request.kind == Request::Kind::Close || request.kind == Request::Kind::Cut;
-    m_requests.push_back(std::move(request));
+    bool isEnd = request.kind == Request::Kind::Close || request.kind == Request::Kind::Cut;
+    try {
+        m_requests.push_back(std::move(request));
+    } catch (const std::exception&) {
+        connection->m_hasLostRequest = m_hasLostRequest = isEnd = true;
+    }
     connection->m_requestedBytes = requestedBytes;
     if (isEnd) connection->setPhase(Connection::Phase::Closing);  // the writes behind this call are dropped
     // The loop is woken once, not once per request.
@@ -303,35 +330,54 @@ bool Context::take(::lws* wsi, Request& request) {
 void Context::serveRequests() {
     if (!m_hasRequests.load(std::memory_order_acquire)) return;
     std::vector<Request> requests;
+    bool hasLostSome = false;
     {
         zenk::MutexLock lock(m_mutex);
         requests.swap(m_requests);
+        hasLostSome = std::exchange(m_hasLostRequest, false);
         m_hasRequests.store(false, std::memory_order_release);
         for (const Request& request : requests) {
             Connection* const connection = find(request.wsi);
             if (connection != nullptr) connection->m_requestedBytes = 0;
         }
     }
-    for (Request& request : requests) serveRequest(request);
+    for (const Request& request : requests) serveRequest(request);
+    if (hasLostSome) endThoseWithLostRequests();
 }
 
-void Context::serveRequest(Request& request) {
+/// There was no memory even for the request. A message, a close or a resumption would be missing for ever.
+void Context::endThoseWithLostRequests() {
+    for (const auto& [wsi, connection] : m_connections) {
+        {
+            zenk::MutexLock lock(m_mutex);
+            if (!std::exchange(connection->m_hasLostRequest, false)) continue;
+        }
+        _lws_log(kLogError, "ending a connection: no memory for what is asked of it\n");
+        connection->kill();
+    }
+}
+
+void Context::serveRequest(const Request& request) {
     Connection* const connection = find(request.wsi);
     if (connection == nullptr || connection->serial() != request.serial) return;
     if (connection->phase() == Connection::Phase::Ended) return;
+    doFor(*connection, [&] { serveRequest(*connection, request); });
+}
+
+void Context::serveRequest(Connection& connection, const Request& request) {
     switch (request.kind) {
         case Request::Kind::Write:
-            connection->write(request.payload, request.value, nullptr);
+            connection.write(request.payload, request.value, nullptr);
             break;
         case Request::Kind::Close:
-            connection->startClose(request.value);
+            connection.startClose(request.value);
             break;
         case Request::Kind::Reading:
-            connection->setCallerHold(request.value == 0);
+            connection.setCallerHold(request.value == 0);
             break;
         case Request::Kind::Cut:
             _lws_log(kLogError, "cutting a client that is sent more than it can be given\n");
-            connection->kill();
+            connection.kill();
             break;
     }
 }

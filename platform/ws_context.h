@@ -82,6 +82,8 @@ private:
     void onClosed(Connection& connection);
     void forget(Connection& connection);
     int tellUp(::lws* wsi, int reason, void* user, void* in, std::size_t len) const;
+    template <typename Work>
+    static bool doFor(Connection& connection, Work&& work);
 
     void runLoopOnce();
     void flushAll();
@@ -93,7 +95,9 @@ private:
     static int post(::lws* wsi, Request request);
     bool take(::lws* wsi, Request& request) ZENK_REQUIRES(m_mutex);
     void serveRequests();
-    void serveRequest(Request& request);
+    void endThoseWithLostRequests();
+    void serveRequest(const Request& request);
+    static void serveRequest(Connection& connection, const Request& request);
 
     const lws_protocols* const m_upper;
     std::array<::lws_protocols, 2> m_protocols;
@@ -106,6 +110,7 @@ private:
     // changes, which the service thread makes under it while it reads them without.
     zenk::Mutex m_mutex;
     std::vector<Request> m_requests ZENK_GUARDED_BY(m_mutex);
+    bool m_hasLostRequest ZENK_GUARDED_BY(m_mutex) = false;  // of some connection
     std::atomic<bool> m_hasRequests{false};
     bool m_isOpenForRequests ZENK_GUARDED_BY(m_mutex) = false;
 

@@ -2,7 +2,6 @@
 #include <sys/resource.h>
 
 #include <exception>
-#include <new>
 
 #include "platform/ws_context.h"
 #include "platform/ws_handshake.h"

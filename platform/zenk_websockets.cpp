@@ -8,7 +8,6 @@
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <new>
 
 #include "platform/ws_context.h"
 

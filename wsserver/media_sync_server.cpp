@@ -252,11 +252,19 @@ MediaSyncServer* MediaSyncServer::getInstance() {
 
 int MediaSyncServer::registerConnection(int socketFd, const std::string& uri) {
     zenk::MutexLock lock(m_registryMutex);
-    mClientIdIndex = nextClientId(mClientIdIndex, m_clientMap);
-    m_clientMap.emplace(mClientIdIndex, m_wsi);
-    m_fdMap.emplace(socketFd, mClientIdIndex);
-    m_urlMap[mClientIdIndex] = uri;
-    return mClientIdIndex;
+    const int id = nextClientId(mClientIdIndex, m_clientMap);
+    try {
+        m_clientMap.emplace(id, m_wsi);
+        m_fdMap.emplace(socketFd, id);
+        m_urlMap[id] = uri;
+    } catch (const std::exception&) {
+        m_clientMap.erase(id);
+        m_fdMap.erase(socketFd);
+        m_urlMap.erase(id);
+        throw;
+    }
+    mClientIdIndex = id;
+    return id;
 }
 
 /// @return the id that the connection had, or 0
@@ -582,11 +590,12 @@ std::string addressOf(const Socket& socket, const std::string& interface) {
 void MediaSyncServer::createRandom() {
     std::srand(static_cast<unsigned>(std::time(nullptr)));
     try {
-        makeRandomToken(m_local_random);
-        makeRandomToken(m_remote_random);
-        makeRandomToken(m_sync_random);
+        std::string local = randomToken(), remote = randomToken(), sync = randomToken();
+        m_local_random.swap(local);
+        m_remote_random.swap(remote);
+        m_sync_random.swap(sync);
     } catch (const std::exception&) {
-        // Without memory the tokens that are left out keep their text: nothing rests on them.
+        // No memory: all of them stay as they are, since partners must differ in nothing else.
     }
 }
 

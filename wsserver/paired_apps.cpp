@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iterator>
 #include <memory>
 
@@ -62,16 +63,21 @@ void PairedApps::start(const std::string& endpoint, PairSide side, int socketFd,
     setSide(record, side, socketFd, wsi);
     m_list.push_back(owned.get());
     owned.release();
-    m_bySocket.emplace(socketFd, &record);
-    enqueue(record);
+    try {
+        m_bySocket.emplace(socketFd, &record);
+        enqueue(record);
+    } catch (const std::exception&) {
+        end(record);
+        throw;
+    }
 }
 
 void PairedApps::complete(_pairedApp& app, PairSide side, int socketFd, lws* wsi) {
     Record& record = recordOf(app);
+    m_bySocket.emplace(socketFd, &record);  // first, since it alone can fail
     dequeue(record);
     record.isPaired = true;
     setSide(record, side, socketFd, wsi);
-    m_bySocket.emplace(socketFd, &record);
 }
 
 void PairedApps::leave(_pairedApp& app, PairSide side) {
@@ -79,7 +85,12 @@ void PairedApps::leave(_pairedApp& app, PairSide side) {
     forgetSocket(side == PairSide::kLocal ? record.localFd : record.remoteFd, record);
     setSide(record, side, 0, nullptr);
     record.isPaired = false;
-    enqueue(record);
+    try {
+        enqueue(record);
+    } catch (const std::exception&) {
+        // Without memory no newcomer finds this record. Its other side is told to go, and takes it along.
+        dequeue(record);
+    }
 }
 
 void PairedApps::end(_pairedApp& app) {
@@ -117,7 +128,7 @@ void PairedApps::enqueue(Record& record) {
 void PairedApps::dequeue(Record& record) {
     if (record.isPaired || record.endpoint == nullptr) return;
     Waiting& waiting = waitingWith(record.localWsi != nullptr ? PairSide::kLocal : PairSide::kRemote);
-    const auto queue = waiting.find(record.endpoint);
+    const auto queue = waiting.find(std::string_view(record.endpoint));
     if (queue == waiting.end()) return;
     queue->second.erase(record.number);
     if (queue->second.empty()) waiting.erase(queue);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -51,7 +52,8 @@ public:
     /// The first record in which a newcomer of side `newcomer` finds its partner waiting on `endpoint`, or null.
     _pairedApp* findWaiting(const std::string& endpoint, PairSide newcomer) const;
 
-    /// Appends a record that holds one side and waits for the other.
+    /// Appends a record that holds one side and waits for the other. This and complete() throw when there is no memory,
+    /// with nothing changed; the others never do.
     void start(const std::string& endpoint, PairSide side, int socketFd, lws* wsi);
 
     /// Adds the second side to a waiting record.
@@ -73,7 +75,11 @@ private:
     };
     /// Waiting records of one endpoint and side, the oldest first.
     using Queue = std::map<std::uint64_t, Record*>;
-    using Waiting = std::unordered_map<std::string, Queue>;
+    /// Finds an endpoint by its characters: a record that ends must not need memory.
+    struct EndpointHash : std::hash<std::string_view> {
+        using is_transparent = void;
+    };
+    using Waiting = std::unordered_map<std::string, Queue, EndpointHash, std::equal_to<>>;
 
     static Record& recordOf(_pairedApp& app) { return static_cast<Record&>(app); }
     static void setSide(_pairedApp& app, PairSide side, int socketFd, lws* wsi);

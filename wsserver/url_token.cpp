@@ -23,8 +23,8 @@ std::string md5Hex(std::string_view text) {
     return hex;
 }
 
-void makeRandomToken(std::string& token) {
+std::string randomToken() {
     char decimal[24];
     const int length = std::snprintf(decimal, sizeof decimal, "%016u", static_cast<unsigned>(std::rand()));
-    token = md5Hex({decimal, static_cast<std::size_t>(length)});
+    return md5Hex({decimal, static_cast<std::size_t>(length)});
 }

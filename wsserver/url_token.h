@@ -7,5 +7,5 @@
 /// rests on its strength.
 std::string md5Hex(std::string_view text);
 
-/// Replaces `token` by a new random one of 32 hexadecimal digits, drawn with rand().
-void makeRandomToken(std::string& token);
+/// 32 hexadecimal digits, drawn with rand().
+std::string randomToken();

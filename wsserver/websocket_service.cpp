@@ -24,6 +24,7 @@ namespace {
 constexpr int kServiceWaitMs = 10;            // also how long a stop may go unnoticed
 constexpr std::size_t kLargeMessage = 16384;  // from here on the pages are worth giving back
 constexpr int kHttpUnavailable = 503;
+constexpr int kStatusInternalError = 1011;  // RFC 6455, 7.4.1
 
 Client* g_client = nullptr;       // written by startWebSocketServer before it serves, read on the service thread
 std::atomic<int> g_forceExit{0};  // set by sighandler, never cleared
@@ -153,9 +154,11 @@ int dispatchEvent(lws* wsi, int reason, void* user, void* in, std::size_t len) {
     }
 }
 
-// A connection whose admission could not be decided is refused; all else goes on.
-int resultAfterException(int reason, const char* what) {
+// A connection whose admission could not be decided is refused, and one that could not be registered is closed, since
+// nobody would hear of it; all else goes on.
+int resultAfterException(lws* wsi, int reason, const char* what) {
     zenk_ws::_lws_log(zenk_ws::kLogError, "event %d ended with an exception: %s\n", reason, what);
+    if (reason == zenk_ws::kEventEstablished) zenk_ws::lws_close(wsi, kStatusInternalError);
     return reason == zenk_ws::kEventFilterProtocolConnection ? kHttpUnavailable : 0;
 }
 
@@ -165,11 +168,11 @@ __attribute__((no_sanitize("null"))) int webSocketCallback(lws* wsi, int reason,
     try {
         return dispatchEvent(wsi, reason, user, in, len);
     } catch (const std::exception& error) {
-        return resultAfterException(reason, error.what());
+        return resultAfterException(wsi, reason, error.what());
     } catch (const abi::__forced_unwind&) {
         throw;  // the host cancels its thread
     } catch (...) {
-        return resultAfterException(reason, "unknown");
+        return resultAfterException(wsi, reason, "unknown");
     }
 }
 

@@ -282,8 +282,8 @@ ZenkCSSCIIServer::ZenkCSSCIIServer(std::string& initString) : m_initString(initS
 
 // No trace of its own, so that each constructor writes its two lines once.
 void ZenkCSSCIIServer::setUp() {
-    std::atomic_ref(m_instance).store(this);
     m_line = zenk::CssEventLine::join(m_dispatcher);
+    std::atomic_ref(m_instance).store(this);
     m_maxClientNum = zenk::readCssClientLimit();
     std::printf("CII m_maxClientNum = %d\n", m_maxClientNum);
 }
@@ -312,8 +312,7 @@ void ZenkCSSCIIServer::onNewClient(char* uri, int clientId) try {
     const std::string requrl(uri);
     ZENK_TRACE_STRING("requrl", requrl.c_str());
     if (requrl.find("/css-cii") != std::string::npos) {
-        addCiiClientId(clientId);
-        post(CSS_EVENT_CII_NEW_CLIENT, clientId, {});
+        if (addCiiClientId(clientId) != 0) post(CSS_EVENT_CII_NEW_CLIENT, clientId, {});
     }
     ZENK_TRACE_LEAVE();
 } catch (const std::exception&) {
@@ -392,8 +391,13 @@ void ZenkCSSCIIServer::setEnableInterDevSync(bool enable) {
 
 void ZenkCSSCIIServer::getCssCiiEndpoint(std::string& endpoint) try {
     ZENK_TRACE_ENTER();
+    MediaSyncServer* const server = MediaSyncServer::getInstance();
+    if (server == nullptr) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
     std::string url;
-    MediaSyncServer::getInstance()->getInterDevSyncUrl(url);
+    server->getInterDevSyncUrl(url);
     endpoint = url;
     ZENK_TRACE_STRING("url.c_str()", url.c_str());
     ZENK_TRACE_LEAVE();
@@ -461,8 +465,8 @@ ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) : m_initString(initStr
 
 // No trace of its own, so that each constructor writes its two lines once.
 void ZenkCSSTSServer::setUp() {
-    std::atomic_ref(m_instance).store(this);
     m_line = zenk::CssEventLine::join(m_dispatcher);
+    std::atomic_ref(m_instance).store(this);
     m_maxClientNum = zenk::readCssClientLimit();
     std::printf("TS m_maxClientNum = %d\n", m_maxClientNum);
 }
@@ -491,8 +495,7 @@ void ZenkCSSTSServer::onNewClient(char* uri, int clientId) try {
     const std::string requrl(uri);
     ZENK_TRACE_STRING("requrl", requrl.c_str());
     if (requrl.find("/css-ts") != std::string::npos) {
-        addTsClientId(clientId);
-        post(CSS_EVENT_TS_NEW_CLIENT, clientId, {});
+        if (addTsClientId(clientId) != 0) post(CSS_EVENT_TS_NEW_CLIENT, clientId, {});
     }
     ZENK_TRACE_LEAVE();
 } catch (const std::exception&) {
@@ -571,8 +574,13 @@ void ZenkCSSTSServer::setEnableInterDevSync(bool enable) {
 
 void ZenkCSSTSServer::getCssTsEndpoint(std::string& endpoint) try {
     ZENK_TRACE_ENTER();
+    MediaSyncServer* const server = MediaSyncServer::getInstance();
+    if (server == nullptr) {
+        ZENK_TRACE_ERROR();
+        return;
+    }
     std::string url;
-    MediaSyncServer::getInstance()->getCssTsEndpoint(url);
+    server->getCssTsEndpoint(url);
     endpoint = url;
     ZENK_TRACE_STRING("url.c_str()", url.c_str());
     ZENK_TRACE_LEAVE();
@@ -757,8 +765,8 @@ WCEnd answerRequests(WCExchange& exchange, unsigned char& running, unsigned char
 
 ZenkCSSWCServer::ZenkCSSWCServer() : m_running(0), m_enableInterDevSync(0) {
     ZENK_TRACE_ENTER();
-    m_instance = this;
     m_dispatcher = sharedEventDispatcher();
+    std::atomic_ref(m_instance).store(this);
     ZENK_TRACE_LEAVE();
 }
 
@@ -769,7 +777,7 @@ ZenkCSSWCServer::ZenkCSSWCServer(std::string& port) : ZenkCSSWCServer() {
 ZenkCSSWCServer::~ZenkCSSWCServer() {
     ZENK_TRACE_ENTER();
     m_dispatcher = nullptr;
-    m_instance = nullptr;
+    std::atomic_ref(m_instance).store(nullptr);
     change(m_running, false);
     ZENK_TRACE_LEAVE();
 }

@@ -61,8 +61,9 @@ using ZenkCSSEventCallback = void (*)(ZenkCSSEvent, ZenkCSSEevntInfo*, void cons
 /// detached thread, "zenk-css-event", that delivers. Whoever queues only copies its event and goes on, so that a slow
 /// callback never holds up the network. The first CSS server that is built creates the dispatcher, the others share it.
 ///
-/// Nothing is dropped. A client with more than 4 MiB in the queue is not read until the host has taken half of it, and
-/// no client that sends is read while the queue holds more than 64 MiB in all, so that memory stays bounded.
+/// Nothing is dropped but for want of memory. A client with more than 4 MiB in the queue is not read until the host has
+/// taken half of it, and no client that sends is read while the queue holds more than 64 MiB in all, so that memory
+/// stays bounded.
 ///
 /// The host owns it. Destroyed or not, the servers stay usable: without a dispatcher they drop their events, and a
 /// server built after its destruction creates a new one. No exception leaves it but std::bad_alloc of the constructor.

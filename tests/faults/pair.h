@@ -10,9 +10,10 @@ namespace zenk_test {
 class Pair {
 public:
     /// @return true when both sides have heard of each other
-    bool connect(int port) {
-        return m_local.connect(port, "/local/hbbtv/t/witness") && m_remote.connect(port, "/remote/hbbtv/t/witness") &&
-               m_local.receiveText() == "pairingcompleted" && m_remote.receiveText() == "pairingcompleted";
+    bool connect(int port, const std::string& endpoint = "witness") {
+        return m_local.connect(port, "/local/hbbtv/t/" + endpoint) &&
+               m_remote.connect(port, "/remote/hbbtv/t/" + endpoint) && m_local.receiveText() == "pairingcompleted" &&
+               m_remote.receiveText() == "pairingcompleted";
     }
 
     /// One message there and one back. @return false when either is lost or altered

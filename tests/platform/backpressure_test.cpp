@@ -169,5 +169,16 @@ TEST_F(Backpressure, HoldsAClientForItsCaller) {
     EXPECT_EQ(m_reader.receive(5), "\x82\x03one");
 }
 
+TEST_F(Backpressure, FindsAHeldClientThatVanished) {
+    zenk_ws::limits().pingAfter = 1s;
+    zenk_ws::limits().hangUpAfter = 2s;
+    serve();
+    zenk_ws::lws_rx_flow_control(m_server->connection("/l/a"), 0);
+    zenk_ws::lws_write(m_server->connection("/r/a"), "", 0, zenk_ws::kWriteText);
+    ASSERT_EQ(m_reader.receive(2), "\x81\0"sv);
+    if (!m_sender.vanish()) GTEST_SKIP() << "the system lets no one vanish without a word";
+    EXPECT_TRUE(waitUntil([&] { return m_server->counts().closed == 1; }));
+}
+
 }  // namespace
 }  // namespace zenk_test

@@ -1,5 +1,7 @@
 #include "tests/support/raw_client.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -88,6 +90,13 @@ void RawClient::reset() {
     const linger atOnce{1, 0};
     setsockopt(m_socket.fd(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
     m_socket.close();
+}
+
+bool RawClient::vanish() {
+    const int on = 1;
+    const bool isAllowed = setsockopt(m_socket.fd(), IPPROTO_TCP, TCP_REPAIR, &on, sizeof on) == 0;
+    m_socket.close();
+    return isAllowed;
 }
 
 bool RawClient::readSome(Clock::time_point deadline) {

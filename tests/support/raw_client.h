@@ -30,6 +30,7 @@ public:
     void finishSending();  ///< FIN; receiving goes on
     void close();          ///< plain close
     void reset();          ///< RST
+    bool vanish();         ///< not a word on the wire; false where that takes more rights
 
 private:
     bool readSome(std::chrono::steady_clock::time_point deadline);

@@ -1,0 +1,38 @@
+#include "tests/faults/failing_allocations.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+std::atomic<pthread_t> g_thread{};
+std::atomic<long> g_left{-1};  // below 0: none fails
+
+bool isToFail() {
+    return g_left.load() >= 0 && pthread_equal(pthread_self(), g_thread.load()) != 0 && g_left.fetch_sub(1) == 0;
+}
+
+}  // namespace
+
+void zenk_test::failAllocationOf(pthread_t thread, long count) {
+    g_thread = thread;
+    g_left = count;
+}
+
+bool zenk_test::stopFailing() {
+    return g_left.exchange(-1) < 0;
+}
+
+void* operator new(std::size_t size) {
+    void* const block = isToFail() ? nullptr : std::malloc(size);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
+void operator delete(void* block) noexcept {
+    std::free(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
+}
