@@ -1,7 +1,6 @@
 // What a log call costs, with spdlog's synchronous logger beside it where it is installed. The printed lines of both
 // go to files in the current directory; the results go to standard error, since standard output is measured.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>

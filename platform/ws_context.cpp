@@ -62,7 +62,7 @@ Context* Context::current() {
 template <typename Work>
 bool Context::doFor(Connection& connection, Work&& work) {
     try {
-        work();
+        work(connection);
         return true;
     } catch (const std::exception& error) {
         _lws_log(kLogError, "ending a connection: %s\n", error.what());
@@ -165,7 +165,7 @@ void Context::sayGoodbye() {
     constexpr int kGoingAway = 1001;
     for (const auto& [wsi, connection] : m_connections) {
         if (connection->phase() != Connection::Phase::Open) continue;
-        doFor(*connection, [&] { connection->startClose(kGoingAway); });
+        doFor(*connection, [](Connection& open) { open.startClose(kGoingAway); });
     }
     const auto end = Clock::now() + limits().goodbye;
     while (m_announced != 0 && Clock::now() < end) service();
@@ -203,14 +203,14 @@ void Context::onTick() {
 
 void Context::lookAfterWatched() {
     std::erase_if(m_watched, [this](Connection* connection) {
-        doFor(*connection, [&] { connection->m_isWatched = connection->tick(m_now); });
+        doFor(*connection, [this](Connection& watched) { watched.m_isWatched = watched.tick(m_now); });
         return !connection->m_isWatched;
     });
 }
 
 void Context::sendHeartbeats() {
     for (const auto& [wsi, connection] : m_connections) {
-        doFor(*connection, [&] { connection->heartbeat(m_now); });
+        doFor(*connection, [this](Connection& silent) { silent.heartbeat(m_now); });
     }
 }
 
@@ -239,7 +239,7 @@ void Context::flushUpTo(std::size_t end) {
         Connection* const connection = m_flushList[m_flushHead++];
         if (connection == nullptr) continue;
         connection->m_flushIndex = -1;
-        doFor(*connection, [&] { connection->pump(); });
+        doFor(*connection, [](Connection& waiting) { waiting.pump(); });
     }
     if (m_flushHead < m_flushList.size()) return;
     m_flushList.clear();
@@ -256,18 +256,18 @@ Connection* Context::find(::lws* wsi) {
 int Context::write(Connection& connection, std::span<const std::uint8_t> payload, int type) {
     serveRequests();  // they were made before this call
     if (!connection.acceptsWrites()) return -1;
-    const bool isQueued = doFor(connection, [&] { connection.write(payload, type, m_receiving); });
+    const bool isQueued = doFor(connection, [&](Connection& to) { to.write(payload, type, m_receiving); });
     return isQueued ? static_cast<int>(payload.size()) : -1;
 }
 
 void Context::close(Connection& connection, int status) {
     serveRequests();
-    if (connection.acceptsWrites()) doFor(connection, [&] { connection.startClose(status); });
+    if (connection.acceptsWrites()) doFor(connection, [status](Connection& open) { open.startClose(status); });
 }
 
 void Context::setReading(Connection& connection, bool isOn) {
     serveRequests();  // or an earlier one would undo this
-    doFor(connection, [&] { connection.setCallerHold(!isOn); });
+    doFor(connection, [isOn](Connection& each) { each.setCallerHold(!isOn); });
 }
 
 void Context::setPhase(Connection& connection, Connection::Phase phase) {
@@ -361,7 +361,7 @@ void Context::serveRequest(const Request& request) {
     Connection* const connection = find(request.wsi);
     if (connection == nullptr || connection->serial() != request.serial) return;
     if (connection->phase() == Connection::Phase::Ended) return;
-    doFor(*connection, [&] { serveRequest(*connection, request); });
+    doFor(*connection, [&request](Connection& each) { serveRequest(each, request); });
 }
 
 void Context::serveRequest(Connection& connection, const Request& request) {

@@ -8,12 +8,6 @@ set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-if [[ -x scripts/install-dependencies.sh ]]; then
-    scripts/install-dependencies.sh
-fi
-if ! log=$(cmake --preset release 2>&1); then
-    echo "$log" >&2
-    exit 1
-fi
-cmake --build --preset release
-exec python3 bench/run_bench.py "$@"
+scripts/install-dependencies.sh
+scripts/build.sh release
+exec /usr/bin/python3 bench/run_bench.py "$@"

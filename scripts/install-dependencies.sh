@@ -9,7 +9,7 @@ PACKAGES="g++ cmake ninja-build pkg-config
 PACKAGES="$PACKAGES libwebsockets-evlib-ev"
 # Tests and benchmarks, with the peers that they are compared to.
 PACKAGES="$PACKAGES libgtest-dev libbenchmark-dev libspdlog-dev libboost-dev libwebsocketpp-dev
-    python3 python3-websockets iproute2 procps"
+    python3 python3-websockets iproute2"
 # The browser that opens the demo page in the tests.
 PACKAGES="$PACKAGES chromium"
 # The checks: second compiler, format, scripts, reference.

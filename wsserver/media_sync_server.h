@@ -31,8 +31,8 @@ class CssBacklog;
 /// block. They hear only of connections outside App2App pairing.
 ///
 /// The plain operations may be called from any thread, also from inside the virtual ones, between addObserver() and the
-/// destruction of either side; they never wait for the network. Before and after, they write an error trace line and do
-/// nothing.
+/// destruction of either side; they never wait for the network. Before and after, they do nothing: sending and closing
+/// write an error trace line, getUrl() gives "NONE" and copyUrl() false.
 ///
 /// A derived class calls MediaSyncServer::removeObserver() first thing in its own destructor, if `m_server` is not
 /// null: the base does it again as a safety net, but by then the overrides of the derived class are gone, and a running

@@ -9,7 +9,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "log/zenk_export.h"
 #include "platform/thread_annotations.h"
@@ -84,14 +83,15 @@ public:
     void startEventThread();
 
     /// Asks the event thread to end, and does not wait for it. It ends before the next record or at once when idle,
-    /// never inside a callback. Events queued from now on stay queued. May be called twice, or when no thread is left.
+    /// never inside a callback. Events queued from now on stay queued, and clients with too many of them are not read
+    /// until startEventThread(). May be called twice, or when no thread is left.
     /// @thread any, also from a callback; does not block
     void stopEventThread();
 
     /// Queues a copy of a record. The caller keeps its own and may reuse it at once.
     /// @param info  event, server (null, or an event above 5, is taken off the queue later without a callback), client
     ///              and message. The server is alive and stays so until its own destructor takes its records out.
-    ///              Null is refused with an error trace line
+    ///              Null is refused with an error trace line; without memory the event is lost, with one
     /// @thread any, at any time before the destructor; never waits for a callback
     void queueEvent(ZenkDispatcherInfo* info);
 

@@ -114,6 +114,7 @@ TEST(NoMemory, OfTheHostLeavesNoClientWaiting) {
         ASSERT_LT(count, 100);
         WsClient css;
         ASSERT_TRUE(css.connect(server.port, "/css-cii/t/"));
+        ASSERT_TRUE(waitUntil([&] { return server.cii.ciiClientIdExists(count + 1) != 0; }));
         failAllocationOf(pthread_self(), count);
         server.cii.sendMessage(const_cast<char*>("an answer of the host"), 21, -1);
         server.cii.closeClientConnection(-1);

@@ -12,7 +12,8 @@ import tempfile
 import unittest
 
 BUILD = pathlib.Path(os.environ["ZENK_BUILD_DIR"])
-HOST = pathlib.Path(os.environ["ZENK_SOURCE_DIR"]) / "tests/packaging/host"
+SOURCE = pathlib.Path(os.environ["ZENK_SOURCE_DIR"])
+HOST = SOURCE / "tests/packaging/host"
 CXX = os.environ["ZENK_CXX"]
 STRICT = ["-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror"]
 FOREIGN = re.compile(r"libwebsockets|openssl|/ev\.h|/lws")
@@ -69,12 +70,25 @@ class Installed(unittest.TestCase):
         with concurrent.futures.ThreadPoolExecutor(2) as pool:
             list(pool.map(compile_alone, headers))
 
-    def test_cmake_package_builds_a_host_that_runs(self):
-        build = self.folder / "cmake-host"
-        run("cmake", "-S", HOST, "-B", build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={self.prefix}",
+    def build_with_cmake(self, source):
+        build = self.folder / "build" / source.name
+        run("cmake", "-S", source, "-B", build, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={self.prefix}",
             f"-DCMAKE_CXX_COMPILER={CXX}")
         run("cmake", "--build", build)
-        run_host(build / "host")
+        return build / "host"
+
+    def test_cmake_package_builds_a_host_that_runs(self):
+        run_host(self.build_with_cmake(HOST))
+
+    def test_the_host_of_the_readme_builds_as_it_stands(self):
+        readme = (SOURCE / "README.md").read_text()
+        target, program = (re.search(f"```{language}\n(.*?)```", readme, re.DOTALL)[1] for language in ["cmake", "cpp"])
+        source = self.folder / "readme-host"
+        source.mkdir()
+        (source / "main.cpp").write_text(program)
+        (source / "CMakeLists.txt").write_text(
+            f"cmake_minimum_required(VERSION 3.25)\nproject(host CXX)\nadd_executable(host main.cpp)\n{target}")
+        self.build_with_cmake(source)
 
     def test_pkg_config_builds_a_host_that_runs(self):
         environment = os.environ | {"PKG_CONFIG_PATH": str(self.pc_dir)}

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """More connections than the receiver has descriptors: crowd.py [--count N] [--limit N] [--receiver PATH].
 
 N connections are attempted, as fast as they go and from one address, against a receiver that may hold --limit
@@ -17,7 +17,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from frames import RawClient  # noqa: E402
 from latency import Probe  # noqa: E402
-from report import Process, Record  # noqa: E402
+from report import Process, Record, ServerDied  # noqa: E402
 from soak import check_rest, end, start, wait_until  # noqa: E402
 
 AT_ONCE = 100
@@ -93,7 +93,7 @@ def say(what, process, record, probe):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--count", type=int, default=20000)
+    parser.add_argument("--count", type=int, default=20200)
     parser.add_argument("--limit", type=int, default=20000)
     parser.add_argument("--receiver", default="build/zenk_receiver")
     options = parser.parse_args()
@@ -123,6 +123,8 @@ def main():
         probe.stop()
         check_rest(process, before, record)
         end(server, record)
+    except ServerDied:
+        record.fault(f"the receiver died with {server.poll()}")
     finally:
         server.kill()
         server.wait()

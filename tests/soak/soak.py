@@ -18,7 +18,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from actors import Actors  # noqa: E402
 from latency import Probe  # noqa: E402
-from report import Process, Record  # noqa: E402
+from report import Process, Record, ServerDied  # noqa: E402
 
 LINE_SECONDS = 10
 SETTLE_SECONDS = 30  # for the server to see the last clients go
@@ -163,7 +163,7 @@ def main():
         check_latency(record)
         check_rest(process, before, record)
         end(server, record)
-    except FileNotFoundError:
+    except ServerDied:
         record.fault(f"the receiver died with {server.poll()}")
     finally:
         server.kill()
