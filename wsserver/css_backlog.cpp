@@ -11,6 +11,8 @@ namespace {
 // What a record takes beside its message: with nothing counted for it, empty messages could fill the memory.
 constexpr std::size_t kRecordBytes = sizeof(ZenkDispatcherInfo) + 48;
 
+constexpr std::size_t kIdleKept = 64;
+
 std::size_t costOf(const ZenkDispatcherInfo& record) {
     return kRecordBytes + record.message.size();
 }
@@ -18,7 +20,6 @@ std::size_t costOf(const ZenkDispatcherInfo& record) {
 }  // namespace
 
 void CssBacklog::add(const ZenkDispatcherInfo& record) {
-    const MutexLock lock(m_mutex);
     Client& client = m_clients[record.clientId];
     client.bytes += costOf(record);
     m_totalBytes += costOf(record);
@@ -29,7 +30,6 @@ void CssBacklog::add(const ZenkDispatcherInfo& record) {
 }
 
 void CssBacklog::remove(const ZenkDispatcherInfo& record) {
-    const MutexLock lock(m_mutex);
     m_totalBytes -= costOf(record);
     const auto client = m_clients.find(record.clientId);
     client->second.bytes -= costOf(record);
@@ -45,14 +45,16 @@ void CssBacklog::resumeAll() {
     for (auto client = m_clients.begin(); client != m_clients.end();) client = resumeIfDrained(client);
 }
 
-/// Forgets the client too when nothing is left to know of it. @return the one behind it
+/// Forgets the client too when nothing is left to know of it, but for a few: most speak again before long.
+/// @return the one behind it
 CssBacklog::Clients::iterator CssBacklog::resumeIfDrained(Clients::iterator client) {
     auto& [id, state] = *client;
     if (state.isHeld && !m_isFull && state.bytes <= kClientBytes / 2) {
         state.isHeld = false;
         MediaSyncServer::holdClient(id, false);
     }
-    return state.bytes == 0 && !state.isHeld ? m_clients.erase(client) : std::next(client);
+    const bool isIdle = state.bytes == 0 && !state.isHeld;
+    return isIdle && m_clients.size() > kIdleKept ? m_clients.erase(client) : std::next(client);
 }
 
 }  // namespace zenk

@@ -4,8 +4,6 @@
 #include <cstdint>
 #include <unordered_map>
 
-#include "platform/thread_annotations.h"
-
 struct ZenkDispatcherInfo;
 
 namespace zenk {
@@ -13,8 +11,8 @@ namespace zenk {
 /// Knows what the event queue holds of each client, and bounds it: the queue refuses and drops nothing, so a client
 /// that sends faster than the host takes is not read until the host has caught up. TCP then slows the client down.
 ///
-/// Any thread. Clients are held and resumed under the lock, so that the last of two threads' decisions is also the last
-/// to take effect. Behind the lock come those of MediaSyncServer and of the WebSocket layer.
+/// Guarded by the lock of the queue that it counts, in which clients are held and resumed too: the last of two threads'
+/// decisions is also the last to take effect. Behind that lock come those of MediaSyncServer and of the layer.
 class CssBacklog {
 public:
     /// From this on a client is not read, from half of it down it is read again.
@@ -34,13 +32,12 @@ private:
     };
     using Clients = std::unordered_map<std::int32_t, Client>;
 
-    void resumeAll() ZENK_REQUIRES(m_mutex);
-    Clients::iterator resumeIfDrained(Clients::iterator client) ZENK_REQUIRES(m_mutex);
+    void resumeAll();
+    Clients::iterator resumeIfDrained(Clients::iterator client);
 
-    Mutex m_mutex;
-    Clients m_clients ZENK_GUARDED_BY(m_mutex);  // those with records in the queue, and those that are held
-    std::size_t m_totalBytes ZENK_GUARDED_BY(m_mutex) = 0;
-    bool m_isFull ZENK_GUARDED_BY(m_mutex) = false;  // whoever sends is held
+    Clients m_clients;  // those with records in the queue, those that are held, and some that may soon send again
+    std::size_t m_totalBytes = 0;
+    bool m_isFull = false;  // whoever sends is held
 };
 
 }  // namespace zenk

@@ -39,7 +39,7 @@ private:
 /// - a dispatcher that goes waits for posts and for its thread;
 /// - the thread finds out that its dispatcher has gone, also when one of its own callbacks destroyed it.
 ///
-/// Lock order: m_mutex, then the dispatcher's m_queueMutex, then the backlog's.
+/// Lock order: m_mutex, then the dispatcher's m_queueMutex.
 class CssEventLine {
 public:
     explicit CssEventLine(ZenkCSSEventDispatcher& dispatcher);
@@ -62,7 +62,7 @@ public:
 
     // For the dispatcher.
 
-    /// What the queue holds of each client; has its own lock.
+    /// What the queue holds of each client; for who holds m_queueMutex.
     CssBacklog& backlog() { return m_backlog; }
 
     /// Starts the event thread unless it is alive. @return its id, or 0 when the system gives no thread

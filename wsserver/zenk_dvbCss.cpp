@@ -141,12 +141,11 @@ void ZenkCSSEventDispatcher::queueEvent(ZenkDispatcherInfo* info) {
     ZENK_TRACE_LEAVE();
 }
 
-// Counted before the thread can take it.
 void ZenkCSSEventDispatcher::enqueue(const ZenkDispatcherInfo& info) {
     auto record = std::make_unique<ZenkDispatcherInfo>(info);
+    const zenk::MutexLock lock(m_queueMutex);
     m_line->backlog().add(*record);
     try {
-        const zenk::MutexLock lock(m_queueMutex);
         m_queue.push_back(record.get());
     } catch (const std::exception&) {
         m_line->backlog().remove(*record);
@@ -174,8 +173,8 @@ void ZenkCSSEventDispatcher::processEvent() {
 
 // One signal for a burst: as long as the flag stands, the thread has not looked at the queue since.
 void ZenkCSSEventDispatcher::wake() {
-    const std::lock_guard lock(m_wakeMutex);
-    if (std::exchange(m_isWakeWanted, true)) return;
+    if (std::atomic_ref(m_isWakeWanted).exchange(true)) return;
+    const std::lock_guard lock(m_wakeMutex);  // the thread may be about to wait
     m_wakeCond.notify_one();
 }
 
@@ -183,19 +182,16 @@ void ZenkCSSEventDispatcher::wake() {
 bool ZenkCSSEventDispatcher::waitForWake() {
     std::unique_lock lock(m_wakeMutex);
     const Cancellation allowed(PTHREAD_CANCEL_ENABLE);
-    m_wakeCond.wait(lock, [this] { return m_isWakeWanted; });
-    m_isWakeWanted = false;
+    // Whoever finds the flag standing does not wake: what it has queued must be seen after the flag is taken down.
+    m_wakeCond.wait(lock, [this] { return std::atomic_ref(m_isWakeWanted).exchange(false); });
     return m_keepRunning;
 }
 
 std::unique_ptr<ZenkDispatcherInfo> ZenkCSSEventDispatcher::takeRecord() {
-    std::unique_ptr<ZenkDispatcherInfo> record;
-    {
-        const zenk::MutexLock lock(m_queueMutex);
-        if (m_queue.empty()) return nullptr;
-        record.reset(m_queue.front());
-        m_queue.pop_front();
-    }
+    const zenk::MutexLock lock(m_queueMutex);
+    if (m_queue.empty()) return nullptr;
+    std::unique_ptr<ZenkDispatcherInfo> record(m_queue.front());
+    m_queue.pop_front();
     m_line->backlog().remove(*record);
     return record;
 }

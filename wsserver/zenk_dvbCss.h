@@ -114,11 +114,11 @@ private:
 
     std::atomic<pthread_t> m_threadId;                                      // any thread; 0 when there is none to stop
     std::deque<ZenkDispatcherInfo*> m_queue ZENK_GUARDED_BY(m_queueMutex);  // owned, oldest in front
-    zenk::Mutex m_queueMutex;            // held for one push, one pop or one sweep; never with m_wakeMutex
-    std::mutex m_wakeMutex;              // guards m_isWakeWanted; a plain one, which m_wakeCond waits on most cheaply
+    zenk::Mutex m_queueMutex;  // held for one push, one pop or one sweep; never with m_wakeMutex
+    std::mutex m_wakeMutex;    // held to wait and to wake; a plain one, which m_wakeCond waits on most cheaply
     std::condition_variable m_wakeCond;  // goes with m_wakeMutex: m_isWakeWanted has become true
     std::atomic<bool> m_keepRunning;     // any thread; false from the destructor on
-    bool m_isWakeWanted;                 // under m_wakeMutex: the thread has something to look at
+    bool m_isWakeWanted;                 // any thread, by atomic_ref: the event thread has something to look at
     const std::shared_ptr<zenk::CssEventLine> m_line;  // constant; has its own lock
 };
 
