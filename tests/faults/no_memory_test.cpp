@@ -18,7 +18,7 @@ namespace {
 
 using namespace zenk_test;
 
-constexpr Milliseconds kShort{300};  // what a failed allocation has lost does not come
+constexpr Milliseconds kShort{100};  // what a failed allocation has lost does not come
 
 std::ptrdiff_t openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());

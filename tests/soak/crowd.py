@@ -17,8 +17,8 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from frames import RawClient  # noqa: E402
 from latency import Probe  # noqa: E402
-from report import Process, Record, ServerDied  # noqa: E402
-from soak import check_rest, end, start, wait_until  # noqa: E402
+from report import Record  # noqa: E402
+from soak import check_rest, start, under_watch, verdict, wait_until  # noqa: E402
 
 AT_ONCE = 100
 PATIENCE = 60
@@ -101,10 +101,7 @@ def main():
     record = Record()
     server, port, wc_port = start(options.receiver)
     del wc_port
-    try:
-        process = Process(server.pid)
-        wait_until(lambda: process.threads() >= 4, 5)
-        time.sleep(1)
+    with under_watch(server, record) as process:
         resource.prlimit(server.pid, resource.RLIMIT_NOFILE, (options.limit, options.limit))
         before = process.descriptors(), process.threads()
         probe = Probe(port)
@@ -122,15 +119,7 @@ def main():
         say("all left", process, record, probe)
         probe.stop()
         check_rest(process, before, record)
-        end(server, record)
-    except ServerDied:
-        record.fault(f"the receiver died with {server.poll()}")
-    finally:
-        server.kill()
-        server.wait()
-    is_clean = record.counts["faults"] == 0
-    print(f"crowd: {'CLEAN' if is_clean else 'NOT CLEAN'}")
-    return 0 if is_clean else 1
+    return verdict("crowd", record)
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@ Prints a line every ten seconds and a verdict. Exit status: 0 clean, 1 not. All 
 
 import argparse
 import asyncio
+import contextlib
 import os
 import random
 import resource
@@ -142,6 +143,30 @@ def end(server, record):
         record.fault("the receiver does not end")
 
 
+@contextlib.contextmanager
+def under_watch(server, record):
+    """Yields what the system knows of a server that has settled, and takes the server away at the end."""
+    try:
+        process = Process(server.pid)
+        # The connection that start() probed with must not count.
+        wait_until(lambda: process.threads() >= 4, 5)
+        time.sleep(1)
+        yield process
+        end(server, record)
+    except ServerDied:
+        record.fault(f"the receiver died with {server.poll()}")
+    finally:
+        server.kill()
+        server.wait()
+
+
+def verdict(name, record):
+    """Prints it. Returns the exit status."""
+    faults = record.counts["faults"]
+    print(f"{name}: {'NOT CLEAN' if faults else 'CLEAN'}, {faults} faults")
+    return 1 if faults else 0
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--minutes", type=float, default=1)
@@ -152,25 +177,13 @@ def main():
     resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
     record = Record()
     server, port, wc_port = start(options.receiver)
-    try:
-        process = Process(server.pid)
-        # The connection that start() probed with must not count.
-        wait_until(lambda: process.threads() >= 4, 5)
-        time.sleep(1)
+    with under_watch(server, record) as process:
         before, at_start = (process.descriptors(), process.threads()), process.resident_mib()
         memory = asyncio.run(run(port, wc_port, process, record, 60 * options.minutes))
         check_memory(memory, at_start, record)
         check_latency(record)
         check_rest(process, before, record)
-        end(server, record)
-    except ServerDied:
-        record.fault(f"the receiver died with {server.poll()}")
-    finally:
-        server.kill()
-        server.wait()
-    is_clean = record.counts["faults"] == 0
-    print(f"soak: {'CLEAN' if is_clean else 'NOT CLEAN'} after {options.minutes:g} min, {record.counts['faults']} faults")
-    return 0 if is_clean else 1
+    return verdict(f"soak of {options.minutes:g} min", record)
 
 
 if __name__ == "__main__":
