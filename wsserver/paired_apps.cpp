@@ -62,7 +62,7 @@ void PairedApps::start(const std::string& endpoint, PairSide side, int socketFd,
     record.endpoint = strdup(endpoint.c_str());
     setSide(record, side, socketFd, wsi);
     m_list.push_back(owned.get());
-    owned.release();
+    static_cast<void>(owned.release());  // the list has it now
     try {
         m_bySocket.emplace(socketFd, &record);
         enqueue(record);

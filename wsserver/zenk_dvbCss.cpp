@@ -151,7 +151,7 @@ void ZenkCSSEventDispatcher::enqueue(const ZenkDispatcherInfo& info) {
         m_line->backlog().remove(*record);
         throw;
     }
-    record.release();
+    static_cast<void>(record.release());  // the queue has it now
 }
 
 void ZenkCSSEventDispatcher::processEvent() {
