@@ -1,12 +1,8 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <memory>
@@ -15,95 +11,30 @@
 #include <vector>
 
 #include "tests/clock/seams.h"
+#include "tests/support/allocation_count.h"
+#include "tests/support/net_util.h"
+#include "tests/support/sanitizer.h"
+#include "tests/support/wall_clock_client.h"
 #include "wsserver/wall_clock.h"
 #include "wsserver/zenk_dvbCss.h"
 #ifdef ZENK_WCPROBE
 #include <nlohmann/json.hpp>
 #endif
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kCountsAllocations = false;  // the sanitizer's allocator stands in the way
-std::atomic<long> g_allocations{0};
-#else
-constexpr bool kCountsAllocations = true;
-std::atomic<long> g_allocations{0};
-extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* block, std::size_t size);
-void* malloc(std::size_t size) {
-    ++g_allocations;
-    return __libc_malloc(size);
-}
-void* calloc(std::size_t count, std::size_t size) {
-    ++g_allocations;
-    return __libc_calloc(count, size);
-}
-void* realloc(void* block, std::size_t size) {
-    ++g_allocations;
-    return __libc_realloc(block, size);
-}
-}
-#endif
-
 namespace {
 
-using namespace std::chrono_literals;
-using Reply = std::array<unsigned char, 32>;
+using zenk_test::waitUntil;
+using Reply = zenk_test::WallClockClient::Reply;
 
-constexpr auto kDeadline = 20s;
-
-/// Looks often until `condition` holds; false when the deadline passes.
-template <typename Condition>
-bool waitFor(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + kDeadline;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
-
-class UdpPeer {
+class UdpPeer : public zenk_test::WallClockClient {
 public:
-    UdpPeer() : m_fd(socket(AF_INET, SOCK_DGRAM, 0)) {
-        const timeval patience{20, 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    }
-    ~UdpPeer() { close(m_fd); }
-
-    int bindAnyPort() {
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        address.sin_family = AF_INET;
-        bind(m_fd, reinterpret_cast<sockaddr*>(&address), length);
-        getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
-        return ntohs(address.sin_port);
-    }
-    void connectTo(int port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    }
-    void send(const std::string& bytes) { ::send(m_fd, bytes.data(), bytes.size(), 0); }
-    bool receive(Reply& reply, int flags = 0) {
-        return recv(m_fd, reply.data(), reply.size(), flags | MSG_TRUNC) == static_cast<ssize_t>(reply.size());
-    }
+    using WallClockClient::WallClockClient;
     Reply ask(const std::string& bytes) {
         Reply reply{};
         send(bytes);
         EXPECT_TRUE(receive(reply)) << "no reply to " << bytes.size() << " bytes";
         return reply;
     }
-    bool hasMore() {
-        Reply reply;
-        return recv(m_fd, reply.data(), reply.size(), MSG_DONTWAIT) >= 0;
-    }
-
-private:
-    int m_fd;
 };
 
 std::string slice(const Reply& reply, std::size_t from, std::size_t count) {
@@ -118,10 +49,8 @@ std::string originate(const Reply& reply) {
 class WCServer : public testing::Test {
 protected:
     WCServer() {
-        m_port = UdpPeer().bindAnyPort();
         std::string text = std::to_string(m_port) + "x";  // the sockets read the number only
         m_server = std::make_unique<ZenkCSSWCServer>(text);
-        m_peer.connectTo(m_port);
     }
     ~WCServer() override {
         if (m_thread.joinable()) stop();
@@ -146,26 +75,26 @@ protected:
             m_server->startWCServer();
             m_hasEnded = true;
         });
-        ASSERT_TRUE(waitFor([this] { return isBound(); }));
+        ASSERT_TRUE(waitUntil([this] { return isBound(); }));
         if (ready) m_peer.ask(std::string(200, '\0'));
     }
     bool join() {
-        const bool inTime = waitFor([this] { return m_hasEnded.load(); });
+        const bool inTime = waitUntil([this] { return m_hasEnded.load(); });
         if (!inTime) std::abort();  // the thread cannot be left behind
         m_thread.join();
         return !isBound();
     }
     void stop() {
-        waitFor([this] {
+        waitUntil([this] {
             m_server->stopWCServer();
             return m_hasEnded.load();
         });
         EXPECT_TRUE(join());
     }
 
-    int m_port;
+    const int m_port = zenk_test::freePort();
     std::unique_ptr<ZenkCSSWCServer> m_server;
-    UdpPeer m_peer;
+    UdpPeer m_peer{m_port};
     std::thread m_thread;
     std::atomic<bool> m_hasEnded{true};
 };
@@ -258,8 +187,8 @@ TEST_F(WCServer, RefusesToStartWithoutTouchingAnything) {
     m_peer.ask("still here");
     stop();
 
-    UdpPeer blocker;
-    std::string taken = std::to_string(blocker.bindAnyPort());
+    const zenk_test::Socket blocker = zenk_test::bindPort(m_port, SOCK_DGRAM);
+    std::string taken = std::to_string(m_port);
     ZenkCSSWCServer blocked(taken);
     blocked.startWCServer();
 }
@@ -269,7 +198,7 @@ TEST_F(WCServer, EndsAtAReceiveFailureAndStartsAgain) {
     interrupt.sa_handler = [](int) {};
     sigaction(SIGUSR1, &interrupt, nullptr);  // without SA_RESTART
     start();
-    EXPECT_TRUE(waitFor([this] {
+    EXPECT_TRUE(waitUntil([this] {
         if (!m_hasEnded) pthread_kill(m_thread.native_handle(), SIGUSR1);
         return m_hasEnded.load();
     }));
@@ -282,13 +211,13 @@ TEST_F(WCServer, AnswersEachRequestOfManySocketsOnce) {
     constexpr int kSockets = 8;
     constexpr int kRounds = 500;
     start();
-    std::vector<UdpPeer> peers(kSockets);
+    std::vector<UdpPeer> peers;
+    for (int i = 0; i < kSockets; ++i) peers.emplace_back(m_port);
     std::atomic<int> right{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < kSockets; ++i) {
         threads.emplace_back([&, i] {
             UdpPeer& peer = peers[static_cast<std::size_t>(i)];
-            peer.connectTo(m_port);
             for (int round = 0; round < kRounds; ++round) {
                 std::string mark = std::to_string(10'000'000 + i * kRounds + round);
                 if (originate(peer.ask(std::string(8, '\0') + mark)) == mark) ++right;
@@ -302,16 +231,16 @@ TEST_F(WCServer, AnswersEachRequestOfManySocketsOnce) {
 }
 
 TEST_F(WCServer, APassAllocatesNothing) {
-    if (!kCountsAllocations) GTEST_SKIP() << "the sanitizer's allocator is not counted";
+    if (zenk_test::kIsSanitized) GTEST_SKIP() << "the sanitizer's allocator is not counted";
     const std::string request(32, 'r');
     start();
-    const long before = g_allocations;
+    const std::size_t before = zenk_test::allocationCount();
     EXPECT_NE(std::make_unique<std::string>(100, 'x'), nullptr);
-    ASSERT_GT(g_allocations, before) << "the counter counts";
+    ASSERT_GT(zenk_test::allocationCount(), before) << "the counter counts";
     m_peer.ask(request);
-    const long quiet = g_allocations;
+    const std::size_t quiet = zenk_test::allocationCount();
     for (int i = 0; i < 100; ++i) m_peer.ask(request);
-    EXPECT_EQ(g_allocations, quiet);
+    EXPECT_EQ(zenk_test::allocationCount(), quiet);
 }
 
 TEST_F(WCServer, PublishesItsPortTextOrLeavesTheUrlAlone) {

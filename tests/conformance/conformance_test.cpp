@@ -6,16 +6,14 @@
 #include <thread>
 #include <vector>
 
-#include "tests/conformance/frames.h"
 #include "tests/support/net_util.h"
 #include "tests/support/raw_client.h"
 #include "wsserver/media_sync_server.h"
 
 namespace {
 
-using namespace frames;
-using namespace std::string_view_literals;
-using zenk_test::RawClient;
+using namespace std::string_literals;
+using namespace zenk_test;
 
 constexpr int kStaysOpen = 0;
 constexpr int kWithoutWord = 1;  // the connection ends behind the answer, without a close frame
@@ -30,14 +28,35 @@ struct Case {
     std::string closeReason = "";
 };
 
+std::string client(int firstByte, std::string_view payload) {
+    return clientFrame(firstByte, payload);
+}
+std::string server(int firstByte, std::string_view payload) {
+    return serverFrame(firstByte, payload);
+}
+/// With the length in so many bytes (2 or 8) although fewer would do, and a mask that changes nothing.
+std::string clientWithLongLength(int firstByte, std::string_view payload, int lengthBytes) {
+    const std::string head{static_cast<char>(firstByte), lengthBytes == 2 ? '\xFE' : '\xFF'};
+    return (head + bigEndian(payload.size(), lengthBytes) + "\0\0\0\0"s).append(payload);
+}
+/// The payload of a close frame.
+std::string closeBody(int status, std::string_view reason = "") {
+    return bigEndian(static_cast<std::uint64_t>(status), 2).append(reason);
+}
+std::string repeat(std::string_view unit, std::size_t count) {
+    std::string text;
+    while (count-- > 0) text += unit;
+    return text;
+}
+
 class Conformance : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        s_port = zenk_test::freePort();
+        s_port = freePort();
         MediaSyncServer::getInstance()->enablePairing = true;
         s_service = std::thread([] { startWebSocketServer(s_port, MediaSyncServer::getInstance()); });
         RawClient probe;
-        ASSERT_TRUE(zenk_test::waitUntil([&] { return probe.connect(s_port); }));
+        ASSERT_TRUE(waitUntil([&] { return probe.connect(s_port); }));
     }
     static void TearDownTestSuite() {
         sighandler(0);
@@ -75,10 +94,10 @@ private:
     }
     /// Nothing else came, and both directions work still.
     void expectRelay(RawClient& client, RawClient& partner, const std::string& relayed) {
-        client.send(frames::client(kFin | kText, "next"));
+        client.send(clientFrame(kFin | kText, "next"));
         const std::string expected = relayed + server(kFin | kText, "next");
         EXPECT_TRUE(partner.receive(expected.size()) == expected) << "the partner got something else";
-        partner.send(frames::client(kFin | kText, "back"));
+        partner.send(clientFrame(kFin | kText, "back"));
         EXPECT_EQ(client.receive(6), server(kFin | kText, "back"));
     }
     void expectEnd(RawClient& client, RawClient& partner, const Case& one) {
@@ -94,7 +113,7 @@ private:
             if (!one.closeReason.empty()) {
                 EXPECT_EQ(reason, one.closeReason);
             }
-            client.send(frames::client(kFin | kClose, closeBody(one.end)));
+            client.send(clientFrame(kFin | kClose, closeBody(one.end)));
             // known: behind reserved bits the answer is not understood, and the server waits 5 seconds for another.
             if (one.end == 1002) client.finishSending();
         }

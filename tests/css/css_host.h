@@ -2,30 +2,16 @@
 
 #include <dirent.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "tests/support/net_util.h"
 #include "wsserver/zenk_dvbCss.h"
-
-inline constexpr auto kDeadline = std::chrono::seconds(60);
-
-/// Waits for a condition that nothing announces.
-template <typename Condition>
-bool eventually(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + kDeadline;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 /// A door that a callback can be held at.
 class Door {
@@ -37,7 +23,7 @@ public:
     }
     bool pass() {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, kDeadline, [this] { return m_isOpen; });
+        return m_changed.wait_for(lock, zenk_test::kPatience, [this] { return m_isOpen; });
     }
 
 private:
@@ -62,7 +48,7 @@ public:
     /// The events since the last call, once there are `count` or the deadline has passed.
     std::vector<Event> take(std::size_t count) {
         std::unique_lock lock(m_mutex);
-        m_changed.wait_for(lock, kDeadline, [&] { return m_events.size() >= count; });
+        m_changed.wait_for(lock, zenk_test::kPatience, [&] { return m_events.size() >= count; });
         return std::exchange(m_events, {});
     }
 

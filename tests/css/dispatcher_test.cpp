@@ -9,13 +9,7 @@
 
 #include "tests/css/clients.h"
 #include "tests/css/css_host.h"
-
-// With sanitizers everything takes longer, and the amount matters less than the mixture.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int kManyEvents = 100'000;
-#else
-constexpr int kManyEvents = 1'000'000;
-#endif
+#include "tests/support/sanitizer.h"
 
 static std::atomic<bool> g_refusesThreads = false;
 
@@ -27,6 +21,10 @@ extern "C" int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* attrib
 }
 
 namespace {
+
+using zenk_test::waitUntil;
+// With sanitizers everything takes longer, and the amount matters less than the mixture.
+constexpr int kManyEvents = zenk_test::kIsSanitized ? 100'000 : 1'000'000;
 
 using Action = std::function<void(int clientId)>;
 
@@ -49,7 +47,7 @@ protected:
         m_cii.reset();
         m_ts.reset();
         delete dispatcher();
-        EXPECT_TRUE(eventually([] { return eventThreads() == 0; }));
+        EXPECT_TRUE(waitUntil([] { return eventThreads() == 0; }));
     }
 
     static ZenkCSSEventDispatcher* dispatcher() { return std::atomic_ref(ZenkCSSEventDispatcher::m_instance).load(); }
@@ -101,13 +99,13 @@ TEST_F(Dispatcher, DeliversEachOfManyEventsOnceAndInOrderPerProducer) {
             queue(4, m_ts.get(), 2 * i + producer);
             // Bursts with a pause behind each: the last event of a burst must not wait for the next burst.
             if (i % 1000 != 999) continue;
-            EXPECT_TRUE(eventually([&] { return delivered >= i + 1; }));
+            EXPECT_TRUE(waitUntil([&] { return delivered >= i + 1; }));
         }
     };
     std::thread other(produce, 1);
     produce(0);
     other.join();
-    EXPECT_TRUE(eventually([&] { return delivered == kManyEvents; }));
+    EXPECT_TRUE(waitUntil([&] { return delivered == kManyEvents; }));
     EXPECT_TRUE(isInOrder);
 }
 
@@ -126,7 +124,7 @@ TEST_F(Dispatcher, StopsBetweenTwoRecordsAndKeepsTheRest) {
     dispatcher()->stopEventThread();
     dispatcher()->startEventThread();  // the stopped one is still alive
     door.open();
-    ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+    ASSERT_TRUE(waitUntil([] { return eventThreads() == 0; }));
     EXPECT_TRUE(finished);
     dispatcher()->stopEventThread();
     queue(1, m_cii.get(), 3, "kept too");
@@ -141,7 +139,7 @@ TEST_F(Dispatcher, StopsWhenIdleAndLeavesNoLockBehind) {
         queue(1, m_cii.get(), round);
         EXPECT_EQ(m_host.take(1), (std::vector<Event>{{1, round, ""}}));
         dispatcher()->stopEventThread();
-        ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+        ASSERT_TRUE(waitUntil([] { return eventThreads() == 0; }));
         dispatcher()->startEventThread();
         dispatcher()->startEventThread();
         EXPECT_EQ(eventThreads(), 1);
@@ -156,7 +154,7 @@ TEST_F(Dispatcher, SurvivesCallbacksThatThrowOrEndTheirThread) {
 
     onTs([](int) { pthread_exit(nullptr); });
     queue(4, m_ts.get(), 1);
-    ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+    ASSERT_TRUE(waitUntil([] { return eventThreads() == 0; }));
     m_ts.reset();  // waits for no call any more
     dispatcher()->startEventThread();
     queue(1, m_cii.get(), 3);
@@ -189,7 +187,7 @@ TEST_F(Dispatcher, DestructionWaitsForTheCallbackAndDropsTheRest) {
     for (int i = 0; i < 100; ++i) queue(1, m_cii.get(), i, std::string(1000, 'x'));
     ASSERT_TRUE(entered.pass());
     std::thread opener([&] {
-        EXPECT_TRUE(eventually([] { return dispatcher() == nullptr; }));
+        EXPECT_TRUE(waitUntil([] { return dispatcher() == nullptr; }));
         door.open();
     });
     delete dispatcher();
@@ -212,7 +210,7 @@ TEST_F(Dispatcher, MayBeDestroyedByACallback) {
     queue(4, m_ts.get(), 1);
     queue(1, m_cii.get(), 2);
     door.open();
-    ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+    ASSERT_TRUE(waitUntil([] { return eventThreads() == 0; }));
     EXPECT_EQ(dispatcher(), nullptr);
     EXPECT_TRUE(m_host.take(0).empty());
 }
@@ -261,8 +259,8 @@ TEST_F(Dispatcher, HoldsAClientThatIsAheadOfTheHostAndDropsNothing) {
     queue(4, m_ts.get(), 8, message);
     EXPECT_EQ(clients::takeHolds(), (Holds{{7, true}}));
     door.open();
-    ASSERT_TRUE(eventually([] { return clients::takeHolds() == Holds{{7, false}}; }));
-    ASSERT_TRUE(m_cii && eventually([&] {
+    ASSERT_TRUE(waitUntil([] { return clients::takeHolds() == Holds{{7, false}}; }));
+    ASSERT_TRUE(m_cii && waitUntil([&] {
                     queue(2, m_cii.get(), 1);
                     return !m_host.take(1).empty();
                 }));
@@ -271,7 +269,7 @@ TEST_F(Dispatcher, HoldsAClientThatIsAheadOfTheHostAndDropsNothing) {
 
 TEST_F(Dispatcher, HoldsWhoeverSendsWhenAllTogetherAreAhead) {
     dispatcher()->stopEventThread();
-    ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+    ASSERT_TRUE(waitUntil([] { return eventThreads() == 0; }));
     const std::string message(1'000'000, 'm');
     int id = 100;
     while (clients::takeHolds().empty()) queue(4, m_ts.get(), ++id, message);  // each id below its own mark
@@ -280,7 +278,7 @@ TEST_F(Dispatcher, HoldsWhoeverSendsWhenAllTogetherAreAhead) {
     EXPECT_EQ(clients::takeHolds(), (std::vector<clients::Hold>{{101, true}}));
     dispatcher()->startEventThread();
     std::vector<clients::Hold> resumed;
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(waitUntil([&] {
         for (const clients::Hold& hold : clients::takeHolds()) resumed.push_back(hold);
         return resumed.size() == 2;
     }));
@@ -293,7 +291,7 @@ TEST_F(Dispatcher, ResumesItsClientsWhenAServerOrTheDispatcherGoes) {
     const std::string message(5'000'000, 'm');
     for (const bool isServerFirst : {true, false}) {
         dispatcher()->stopEventThread();
-        ASSERT_TRUE(eventually([] { return eventThreads() == 0; }));
+        ASSERT_TRUE(waitUntil([] { return eventThreads() == 0; }));
         auto server = std::make_unique<ZenkCSSCIIServer>();
         queue(1, server.get(), 7, message);
         EXPECT_EQ(clients::takeHolds(), (std::vector<clients::Hold>{{7, true}}));
@@ -326,7 +324,7 @@ TEST_F(Dispatcher, EverythingMayGoInAnyOrderUnderLoad) {
         std::thread service([&] {
             while (!isOver) clients::send(id, "message");
         });
-        ASSERT_TRUE(eventually([&] { return delivered > 100; }));
+        ASSERT_TRUE(waitUntil([&] { return delivered > 100; }));
         const std::array<std::function<void()>, 3> ends{[&] { cii.reset(); }, [&] { ts.reset(); },
                                                         [&] { delete shared; }};
         const auto end = [&](std::size_t place) { ends[static_cast<std::size_t>(order[place])](); };
@@ -349,7 +347,7 @@ TEST(DispatcherCreation, HappensOnceForServersBuiltAtOnce) {
         EXPECT_EQ(eventThreads(), 1);
         delete ZenkCSSEventDispatcher::m_instance;
         EXPECT_TRUE(
-            eventually([] { return eventThreads() == 0; }));  // the kernel may name an ended thread a little longer
+            waitUntil([] { return eventThreads() == 0; }));  // the kernel may name an ended thread a little longer
     }
 }
 

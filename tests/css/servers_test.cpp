@@ -1,41 +1,17 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <fstream>
 
 #include "tests/css/clients.h"
 #include "tests/css/css_host.h"
+#include "tests/support/config_file.h"
+#include "tests/support/css_kinds.h"
 
 namespace {
 
-// The two servers under one set of names, and how they differ.
-struct Cii {
-    using Server = ZenkCSSCIIServer;
-    static constexpr unsigned kNew = 0;
-    static constexpr const char* kName = "CII";
-    static constexpr const char* kUri = "/css-cii";
-    static constexpr auto kAdd = &Server::addCiiClientId;
-    static constexpr auto kRemove = &Server::removeCiiClientId;
-    static constexpr auto kExists = &Server::ciiClientIdExists;
-    static constexpr auto kRegister = &Server::registerCIIEventCallback;
-    static constexpr auto kUnregister = &Server::unRegisterCIIEventCallback;
-    static constexpr auto kEndpoint = &Server::getCssCiiEndpoint;
-};
-
-struct Ts {
-    using Server = ZenkCSSTSServer;
-    static constexpr unsigned kNew = 3;
-    static constexpr const char* kName = "TS";
-    static constexpr const char* kUri = "/css-ts";
-    static constexpr auto kAdd = &Server::addTsClientId;
-    static constexpr auto kRemove = &Server::removeTsClientId;
-    static constexpr auto kExists = &Server::tsClientIdExists;
-    static constexpr auto kRegister = &Server::registerTSEventCallback;
-    static constexpr auto kUnregister = &Server::unRegisterTSEventCallback;
-    static constexpr auto kEndpoint = &Server::getCssTsEndpoint;
-};
+using zenk_test::Cii;
+using zenk_test::Ts;
 
 template <typename Kind>
 class CssServer : public testing::Test {
@@ -45,14 +21,12 @@ protected:
     ~CssServer() override {
         m_server.reset();
         delete ZenkCSSEventDispatcher::m_instance;
-        unlink(m_config.c_str());
         clients::takeClosed();
     }
 
     // Builds the server as a host does. @return what that printed
     std::string build(const std::string& limit) {
-        std::ofstream(m_config) << "[HbbTV]\nMSMaxClientNum=" << limit << "\n";
-        setenv("VEL_CONFIG_FILE", m_config.c_str(), 1);
+        const zenk_test::ConfigFile config("[HbbTV]\nMSMaxClientNum=" + limit + "\n");
         m_server.reset();
         testing::internal::CaptureStdout();
         m_server = std::make_unique<Server>();
@@ -82,7 +56,6 @@ protected:
         return all;
     }
 
-    const std::string m_config = testing::TempDir() + "css_servers." + std::to_string(getpid());
     std::unique_ptr<Server> m_server;
     Host m_host;
 };

@@ -1,33 +1,25 @@
 #include "platform/vel_config.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
+
+#include "tests/support/config_file.h"
 
 namespace {
 
 constexpr int kUntouched = 4711;
 
-class VelConfig : public testing::Test {
-protected:
-    ~VelConfig() override { unlink(m_file.c_str()); }
+// The value for a file with this content, or kUntouched after a failure.
+int read(const std::string& content) {
+    const zenk_test::ConfigFile file(content);
+    int value = kUntouched;
+    const int result = zenk_vel_config_get_int("HbbTV", "MSMaxClientNum", &value);
+    EXPECT_EQ(result != 0, value == kUntouched);
+    return value;
+}
 
-    // The value for a file with this content, or kUntouched after a failure.
-    int read(const std::string& content) {
-        std::ofstream(m_file) << content;
-        setenv("VEL_CONFIG_FILE", m_file.c_str(), 1);
-        int value = kUntouched;
-        const int result = zenk_vel_config_get_int("HbbTV", "MSMaxClientNum", &value);
-        EXPECT_EQ(result != 0, value == kUntouched);
-        return value;
-    }
-
-    const std::string m_file = testing::TempDir() + "vel_config." + std::to_string(getpid());
-};
-
-TEST_F(VelConfig, GivesWholeNumbersOfTheRightSectionAndKey) {
+TEST(VelConfig, GivesWholeNumbersOfTheRightSectionAndKey) {
     for (const int number : {1, 25, 1000, 0, -3, 2147483647}) {
         EXPECT_EQ(read("[HbbTV]\nMSMaxClientNum=" + std::to_string(number) + "\n"), number);
     }
@@ -35,7 +27,7 @@ TEST_F(VelConfig, GivesWholeNumbersOfTheRightSectionAndKey) {
               10);
 }
 
-TEST_F(VelConfig, RefusesEverythingElseAndLeavesTheValueAlone) {
+TEST(VelConfig, RefusesEverythingElseAndLeavesTheValueAlone) {
     for (const char* text :
          {"ten", "", "10x", "1.5", "1 0", "0x10", "2147483648", "10\nMSMaxClientNum=11", "10\n  11"}) {
         SCOPED_TRACE(text);

@@ -3,9 +3,9 @@
 #include <csignal>
 #include <thread>
 
-#include "tests/faults/pair.h"
-#include "tests/receiver/receiver.h"
+#include "tests/support/pair.h"
 #include "tests/support/raw_client.h"
+#include "tests/support/receiver.h"
 #include "tests/support/sanitizer.h"
 
 namespace {

@@ -1,14 +1,13 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
-#include "tests/faults/pair.h"
+#include "tests/support/child_process.h"
+#include "tests/support/pair.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/sanitizer.h"
 #include "wsserver/websocket_service.h"
@@ -84,12 +83,6 @@ private:
     RawClient m_client;
     std::thread m_thread;
 };
-
-std::size_t residentBytes() {
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages >> pages;
-    return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
 
 /// Returns when the client could send nothing for a while.
 bool waitUntilStalled(const Flood& flood) {

@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <fstream>
 
-#include "tests/faults/pair.h"
-#include "tests/receiver/receiver.h"
+#include "tests/support/pair.h"
+#include "tests/support/receiver.h"
 #include "tests/support/sanitizer.h"
 
 namespace {
@@ -15,9 +13,7 @@ using namespace zenk_test;
 
 /// Leaves a running process that much memory beyond what it has.
 bool leaveMemory(const ChildProcess& process, std::size_t bytes) {
-    std::size_t pages = 0;
-    std::ifstream("/proc/" + std::to_string(process.pid()) + "/statm") >> pages;
-    const rlim_t value = pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + bytes;
+    const rlim_t value = virtualBytes(process.pid()) + bytes;
     const rlimit limits{value, value};
     return prlimit(process.pid(), RLIMIT_AS, &limits, nullptr) == 0;
 }

@@ -2,8 +2,8 @@
 
 #include <csignal>
 
-#include "tests/faults/pair.h"
 #include "tests/support/child_process.h"
+#include "tests/support/pair.h"
 
 namespace {
 

@@ -1,9 +1,6 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,11 +12,13 @@
 #include <string>
 
 #include "log/zenk_log.h"
-#include "tests/log/captured_output.h"
 #include "tests/log/own_network.h"
+#include "tests/support/captured_output.h"
+#include "tests/support/net_util.h"
 
 namespace {
 
+using zenk_test::CapturedOutput;
 using Clock = std::chrono::steady_clock;
 using namespace std::string_literals;
 
@@ -30,20 +29,14 @@ class LogControl : public testing::Test {
 protected:
     static void SetUpTestSuite() {
         enterOwnNetwork();
-        s_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(54321);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(bind(s_fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        const timeval patience{20, 0};
-        setsockopt(s_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        s_socket = zenk_test::bindPort(54321, SOCK_DGRAM);
+        ASSERT_TRUE(s_socket.isOpen());
         for (int mode : {-1, 2}) EXPECT_EQ(zenk_log_initialize(mode), -1);
         EXPECT_EQ(zenk_log_initialize(0), 0);
         EXPECT_EQ(zenk_log_initialize(1), 0);
         EXPECT_EQ(zenk_log_initialize(1), 0);  // starts no second thread
     }
-    static void TearDownTestSuite() { close(s_fd); }
+    static void TearDownTestSuite() { s_socket.close(); }
 
     // Waits for the beginning of a cycle: what is sent next is taken in the order of sending, from this cycle on.
     void SetUp() override {
@@ -56,12 +49,13 @@ protected:
         std::array<char, 2000> bytes;
         socklen_t size = sizeof s_sender;
         const ssize_t length =
-            recvfrom(s_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&s_sender), &size);
+            recvfrom(s_socket.fd(), bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&s_sender), &size);
         return length < 0 ? "nothing came" : std::string(bytes.data(), static_cast<std::size_t>(length));
     }
 
     static void send(const std::string& datagram) {
-        sendto(s_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&s_sender), sizeof s_sender);
+        sendto(s_socket.fd(), datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&s_sender),
+               sizeof s_sender);
     }
 
     static std::string command(std::string text, unsigned char level) {
@@ -69,7 +63,7 @@ protected:
         return text + static_cast<char>(level);
     }
 
-    inline static int s_fd = -1;
+    inline static zenk_test::Socket s_socket{-1};
     inline static sockaddr_in s_sender{};
 };
 

@@ -9,9 +9,11 @@
 #include <vector>
 
 #include "log/zenk_log.h"
-#include "tests/log/captured_output.h"
+#include "tests/support/captured_output.h"
 
 namespace {
+
+using zenk_test::CapturedOutput;
 
 std::string table() {
     char list[1025] = "untouched";

@@ -12,9 +12,11 @@
 #include <thread>
 
 #include "log/zenk_log.h"
-#include "tests/log/captured_output.h"
+#include "tests/support/captured_output.h"
 
 namespace {
+
+using zenk_test::CapturedOutput;
 
 constexpr int kNumber = -42;
 

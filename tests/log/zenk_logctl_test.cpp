@@ -1,9 +1,6 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -12,16 +9,9 @@
 #include <thread>
 
 #include "tests/log/own_network.h"
+#include "tests/support/net_util.h"
 
 namespace {
-
-sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
 
 // Exit code and everything printed of one run of the tool, as "0:..."
 std::string run(const std::string& arguments) {
@@ -66,13 +56,11 @@ public:
 
 private:
     void sendReports(const std::string& report) {
-        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in peer = loopback(54321);
+        const zenk_test::Socket socket = zenk_test::connectUdp(54321);
         while (!m_isOver) {
-            sendto(fd, report.data(), report.size(), 0, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
+            ::send(socket.fd(), report.data(), report.size(), 0);
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
-        close(fd);
     }
 
     std::atomic<bool> m_isOver = false;

@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <thread>
 
 #include "platform/ws_limits.h"
 #include "tests/platform/layer_server.h"
+#include "tests/support/child_process.h"
 #include "tests/support/net_util.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/sanitizer.h"
@@ -16,18 +16,9 @@ namespace zenk_test {
 namespace {
 
 using namespace std::chrono_literals;
-using namespace std::string_literals;
 using namespace std::string_view_literals;
 
 constexpr std::size_t kMessageBytes = 100'000;
-const std::string kFrameHead = "\x82\x7F\x00\x00\x00\x00\x00\x01\x86\xA0"s;
-
-std::size_t residentBytes() {
-    std::ifstream statm("/proc/self/statm");
-    std::size_t total = 0, resident = 0;
-    statm >> total >> resident;
-    return resident * 4096;
-}
 
 void expectGrowthBelow(std::size_t before, std::size_t bytes) {
     if (!kIsSanitized) {
@@ -41,20 +32,13 @@ std::string message(int number) {
     return payload;
 }
 
-class Backpressure : public testing::Test {
+class Backpressure : public LayerTest {
 protected:
-    Backpressure() : m_port(freePort()) {}
-    ~Backpressure() override {
-        m_server.reset();  // it reads the limits
-        zenk_ws::limits() = zenk_ws::Limits();
-    }
-
     void serve() {
-        m_server = std::make_unique<LayerServer>(m_port);
-        ASSERT_TRUE(m_server->isServing());
+        LayerTest::serve();
         ASSERT_TRUE(m_sender.upgrade(m_port, "/l/a"));
         ASSERT_TRUE(m_reader.upgrade(m_port, "/r/a"));
-        ASSERT_TRUE(waitUntil([&] { return m_server->connection("/r/a") != nullptr; }));
+        ASSERT_NE(connectionOf("/r/a"), nullptr);
     }
     /// Sends until the server takes no more. @return how many whole messages it took
     int fill(int most) {
@@ -66,15 +50,12 @@ protected:
     }
     void expectMessages(int first, int end) {
         for (int i = first; i < end; ++i) {
-            ASSERT_EQ(m_reader.receive(kFrameHead.size()), kFrameHead) << i;
-            ASSERT_EQ(m_reader.receive(kMessageBytes), message(i)) << i;
+            const std::string frame = serverFrame(0x82, message(i));
+            ASSERT_TRUE(m_reader.receive(frame.size()) == frame) << i;
         }
     }
 
-    const int m_port;
-    std::unique_ptr<LayerServer> m_server;
-    RawClient m_sender;
-    RawClient m_reader;
+    RawClient m_sender, m_reader;
     std::string m_unsent;
 };
 
@@ -88,7 +69,7 @@ TEST_F(Backpressure, DeliversEveryByteAfterAStallAndServesOthersMeanwhile) {
     WsClient left, right;
     ASSERT_TRUE(left.connect(m_port, "/l/b"));
     ASSERT_TRUE(right.connect(m_port, "/r/b"));
-    ASSERT_TRUE(waitUntil([&] { return m_server->connection("/r/b") != nullptr; }));
+    ASSERT_NE(connectionOf("/r/b"), nullptr);
     for (int i = 0; i < 300; ++i) {
         ASSERT_TRUE(left.sendText("ping"));
         ASSERT_EQ(right.receiveText(), "ping");

@@ -1,14 +1,19 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/ws_limits.h"
 #include "platform/zenk_websockets.h"
+#include "tests/support/net_util.h"
 
 namespace zenk_test {
 
@@ -56,6 +61,27 @@ private:
     std::map<lws*, std::string> m_paths;
     std::map<std::string, lws*> m_live;
     std::thread m_thread;
+};
+
+/// A served port with limits of the test's own.
+class LayerTest : public testing::Test {
+protected:
+    ~LayerTest() override {
+        m_server.reset();  // it reads the limits
+        zenk_ws::limits() = zenk_ws::Limits();
+    }
+    void serve() {
+        m_server = std::make_unique<LayerServer>(m_port);
+        ASSERT_TRUE(m_server->isServing());
+    }
+    /// The server hears of a connection a moment after the client does.
+    lws* connectionOf(const std::string& path) {
+        waitUntil([&] { return m_server->connection(path) != nullptr; });
+        return m_server->connection(path);
+    }
+
+    const int m_port = freePort();
+    std::unique_ptr<LayerServer> m_server;
 };
 
 }  // namespace zenk_test

@@ -21,32 +21,14 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_view_literals;
 
-class Layer : public testing::Test {
+class Layer : public LayerTest {
 protected:
-    Layer() : m_port(freePort()) {}
-    ~Layer() override {
-        m_server.reset();  // it reads the limits
-        zenk_ws::limits() = zenk_ws::Limits();
-    }
-
-    void serve() {
-        m_server = std::make_unique<LayerServer>(m_port);
-        ASSERT_TRUE(m_server->isServing());
-    }
     bool waitForCounts(int established, int closed) {
         return waitUntil([&] {
             const LayerServer::Counts counts = m_server->counts();
             return counts.established == established && counts.closed == closed;
         });
     }
-    /// The server hears of a connection a moment after the client does.
-    lws* connectionOf(const std::string& path) {
-        waitUntil([&] { return m_server->connection(path) != nullptr; });
-        return m_server->connection(path);
-    }
-
-    const int m_port;
-    std::unique_ptr<LayerServer> m_server;
 };
 
 std::string answerTo(int port, const std::string& request) {

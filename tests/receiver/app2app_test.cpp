@@ -4,28 +4,19 @@
 
 #include <csignal>
 
-#include "tests/receiver/receiver.h"
+#include "tests/support/pair.h"
 #include "tests/support/raw_client.h"
-#include "tests/support/ws_client.h"
+#include "tests/support/receiver.h"
 
 using namespace zenk_test;
 
 namespace {
 
-struct Pair {
-    WsClient local;
-    WsClient remote;
-};
-
-/// Connects both sides of `name`. The sides have answered the handshake, so the server knows them.
-bool connectPair(Receiver& receiver, const std::string& name, Pair& pair) {
-    return pair.local.connect(receiver.port(), receiver.path("app2app-local") + name) &&
-           pair.remote.connect(receiver.port(), receiver.path("app2app-remote") + name);
-}
-
+/// Connects both sides of `name` by the printed URLs. @return true when they have heard of each other
 bool meet(Receiver& receiver, const std::string& name, Pair& pair) {
-    return connectPair(receiver, name, pair) && pair.local.receiveText() == "pairingcompleted" &&
-           pair.remote.receiveText() == "pairingcompleted";
+    return pair.local.connect(receiver.port(), receiver.path("app2app-local") + name) &&
+           pair.remote.connect(receiver.port(), receiver.path("app2app-remote") + name) &&
+           pair.local.receiveText() == "pairingcompleted" && pair.remote.receiveText() == "pairingcompleted";
 }
 
 TEST(App2App, PairsRelaysBothWaysAndClosesThePartnerWith1000) {
@@ -65,7 +56,7 @@ TEST(App2App, LargeMessagesArriveWholeAndInOrder) {
 TEST(App2App, WithoutPairingNothingIsExchanged) {
     Receiver receiver({"--no-pairing"});
     Pair pair;
-    ASSERT_TRUE(connectPair(receiver, "game", pair));
+    ASSERT_TRUE(pair.open(receiver.port(), "game"));
     ASSERT_TRUE(pair.local.sendText("hello?"));
     EXPECT_TRUE(pair.local.close());
     // The partner hears of the end, and of nothing before it.

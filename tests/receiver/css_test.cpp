@@ -1,13 +1,12 @@
 // Companion devices of both kinds: who is let in, what the host hears and answers.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "tests/receiver/receiver.h"
+#include "tests/support/config_file.h"
+#include "tests/support/receiver.h"
 #include "tests/support/ws_client.h"
 
 using namespace zenk_test;
@@ -19,23 +18,6 @@ constexpr const char* kNothing = "";
 std::string eventLine(int event, int client, std::size_t bytes) {
     return "event " + std::to_string(event) + " client " + std::to_string(client) + " bytes " + std::to_string(bytes);
 }
-
-/// A receiver's configuration in a file of its own.
-class ConfigFile {
-public:
-    explicit ConfigFile(const std::string& text)
-        : m_path(testing::TempDir() + "vel_config_" + std::to_string(getpid()) + ".ini") {
-        std::ofstream(m_path) << text;
-    }
-    ~ConfigFile() { unlink(m_path.c_str()); }
-    ConfigFile(const ConfigFile&) = delete;
-    ConfigFile& operator=(const ConfigFile&) = delete;
-
-    std::string variable() const { return "VEL_CONFIG_FILE=" + m_path; }
-
-private:
-    const std::string m_path;
-};
 
 TEST(CssServices, TellTheHostAllEventsInOrderAndAnswer) {
     Receiver receiver;
@@ -101,7 +83,7 @@ TEST(CssServices, RefuseClientsAtTheLimitUntilOneHasLeft) {
     const ConfigFile config("[HbbTV]\nMSMaxClientNum=1\n");
     for (const char* name : {"css-cii", "css-ts"}) {
         SCOPED_TRACE(name);
-        Receiver receiver({}, {config.variable()});
+        Receiver receiver;
         WsClient first;
         ASSERT_TRUE(first.connect(receiver.port(), receiver.path(name)));
         WsClient second;

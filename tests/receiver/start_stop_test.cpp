@@ -7,7 +7,7 @@
 #include <csignal>
 #include <cstring>
 
-#include "tests/receiver/receiver.h"
+#include "tests/support/receiver.h"
 #include "tests/support/ws_client.h"
 
 using namespace zenk_test;

@@ -1,8 +1,6 @@
 #include "tests/support/allocation_count.h"
 
 #include <atomic>
-#include <cstdlib>
-#include <new>
 
 namespace {
 std::atomic<std::size_t> g_count = 0;
@@ -12,14 +10,22 @@ std::size_t zenk_test::allocationCount() {
     return g_count.load();
 }
 
-void* operator new(std::size_t size) {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void* malloc(std::size_t size) {
     ++g_count;
-    if (void* const block = std::malloc(size)) return block;
-    throw std::bad_alloc();
+    return __libc_malloc(size);
 }
-void operator delete(void* block) noexcept {
-    std::free(block);
+void* calloc(std::size_t count, std::size_t size) {
+    ++g_count;
+    return __libc_calloc(count, size);
 }
-void operator delete(void* block, std::size_t) noexcept {
-    std::free(block);
+void* realloc(void* block, std::size_t size) {
+    ++g_count;
+    return __libc_realloc(block, size);
 }
+}
+#endif

@@ -63,18 +63,22 @@ std::string withoutColours(std::string_view text) {
     return plain;
 }
 
-/// @return the number behind `name` in /proc/PID/status, 0 when there is none
-std::size_t statusValue(pid_t pid, const std::string& name) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string word;
-    std::size_t value = 0;
-    while (status >> word) {
-        if (word == name && status >> value) return value;
-    }
-    return 0;
+/// @return figure number `index` of /proc/PID/statm, which counts in pages
+std::size_t memoryFigure(pid_t pid, std::size_t index) {
+    std::array<std::size_t, 2> pages{};
+    std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> pages[0] >> pages[1];
+    return pages.at(index) * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
 }  // namespace
+
+std::size_t virtualBytes(pid_t pid) {
+    return memoryFigure(pid, 0);
+}
+
+std::size_t residentBytes(pid_t pid) {
+    return memoryFigure(pid, 1);
+}
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
     std::vector<std::string> argumentTexts = arguments;
@@ -139,14 +143,6 @@ std::optional<int> ChildProcess::exitCode(Milliseconds patience) {
         },
         patience);
     return m_exitCode;
-}
-
-std::size_t ChildProcess::residentBytes() const {
-    return statusValue(m_pid, "VmRSS:") * 1024;
-}
-
-std::size_t ChildProcess::threads() const {
-    return statusValue(m_pid, "Threads:");
 }
 
 std::size_t ChildProcess::openDescriptors() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <cstddef>
@@ -15,6 +16,11 @@
 #include "tests/support/net_util.h"
 
 namespace zenk_test {
+
+/// @{ Of a process, from /proc; 0 when it has gone.
+std::size_t virtualBytes(pid_t pid = getpid());
+std::size_t residentBytes(pid_t pid = getpid());
+/// @}
 
 /// A program under test. Its output is read all the time, so that it never waits for us; lines are kept in order.
 /// Terminal colours are taken out: the reset of a log line stands at the beginning of the line that follows it.
@@ -39,9 +45,8 @@ public:
     std::optional<int> exitCode(Milliseconds patience = kPatience);
 
     pid_t pid() const { return m_pid; }
-    std::size_t residentBytes() const;    ///< from /proc; 0 when it has gone
-    std::size_t openDescriptors() const;  ///< likewise
-    std::size_t threads() const;          ///< likewise
+    std::size_t residentBytes() const { return zenk_test::residentBytes(m_pid); }
+    std::size_t openDescriptors() const;  ///< 0 when it has gone
 
 private:
     void readOutput(Socket out, Socket err);

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <random>
@@ -16,7 +17,7 @@ namespace {
 
 constexpr int kLowestPort = 10000;
 constexpr int kHighestPort = 32000;  // the system's own range begins at 32768
-constexpr Milliseconds kPollInterval{5};
+constexpr Milliseconds kPollInterval{1};
 
 sockaddr_in addressOf(in_addr_t host, int port) {
     sockaddr_in address{};
@@ -24,6 +25,18 @@ sockaddr_in addressOf(in_addr_t host, int port) {
     address.sin_addr.s_addr = htonl(host);
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     return address;
+}
+
+void switchOn(const Socket& socket, int level, int option) {
+    const int on = 1;
+    setsockopt(socket.fd(), level, option, &on, sizeof on);
+}
+
+Socket makeSocket(int type) {
+    Socket socket(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    const timeval patience{kPatience.count() / 1000, 0};
+    setsockopt(socket.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    return socket;
 }
 
 bool isFree(int port) {
@@ -68,22 +81,24 @@ void Socket::close() {
 }
 
 Socket connectTcp(int port) {
-    Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Socket socket = makeSocket(SOCK_STREAM);
+    switchOn(socket, IPPROTO_TCP, TCP_NODELAY);  // what is sent in pieces must arrive in pieces, and at once
     const sockaddr_in address = addressOf(INADDR_LOOPBACK, port);
-    if (connect(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return Socket();
-    // What is sent in pieces must arrive in pieces, and at once.
-    const int on = 1;
-    setsockopt(socket.fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (connect(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) socket.close();
+    return socket;
+}
+
+Socket connectUdp(int port) {
+    Socket socket = makeSocket(SOCK_DGRAM);
+    const sockaddr_in address = addressOf(INADDR_LOOPBACK, port);
+    connect(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
     return socket;
 }
 
 Socket bindPort(int port, int type) {
-    Socket socket(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
-    if (type == SOCK_STREAM) {
-        // Old connections of an earlier test do not count as taken; a listener still does.
-        const int on = 1;
-        setsockopt(socket.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    }
+    Socket socket = makeSocket(type);
+    // Old connections of an earlier test do not count as taken; a listener still does.
+    if (type == SOCK_STREAM) switchOn(socket, SOL_SOCKET, SO_REUSEADDR);
     const sockaddr_in address = addressOf(INADDR_ANY, port);
     if (bind(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return Socket();
     if (type == SOCK_STREAM && listen(socket.fd(), 1) != 0) return Socket();

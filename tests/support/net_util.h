@@ -36,9 +36,11 @@ private:
 
 /// @return a connected TCP socket, or a closed one when nobody listens
 Socket connectTcp(int port);
+/// @return a UDP socket that sends to `port`; its receives end after kPatience
+Socket connectUdp(int port);
 
 /// @return a socket of `type` (SOCK_STREAM, SOCK_DGRAM) bound to all interfaces, a stream one listening; a closed one
-/// when the port is taken
+/// when the port is taken. Its receives end after kPatience.
 Socket bindPort(int port, int type);
 
 }  // namespace zenk_test

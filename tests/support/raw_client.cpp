@@ -25,8 +25,14 @@ bool waitFor(int fd, short events, Clock::time_point deadline) {
     return ready > 0;
 }
 
-void appendBigEndian(std::string& out, std::uint64_t value, int bytes) {
-    while (bytes-- > 0) out.push_back(static_cast<char>(value >> (8 * bytes)));
+std::string frameHead(int firstByte, std::size_t payloadBytes, int maskBit) {
+    const std::string head(1, static_cast<char>(firstByte));
+    const auto form = [maskBit](std::size_t length) {
+        return bigEndian(static_cast<std::size_t>(maskBit) | length, 1);
+    };
+    if (payloadBytes < 126) return head + form(payloadBytes);
+    if (payloadBytes < 65536) return head + form(126) + bigEndian(payloadBytes, 2);
+    return head + form(127) + bigEndian(payloadBytes, 8);
 }
 
 }  // namespace
@@ -108,24 +114,23 @@ bool RawClient::readSome(Clock::time_point deadline) {
     return !m_hasEnded;
 }
 
-std::string clientFrame(std::uint8_t firstByte, std::string_view payload) {
-    constexpr std::array<char, 4> kMask{0x11, 0x22, 0x33, 0x44};
-    constexpr int kMaskBit = 0x80;
-    std::string frame(1, static_cast<char>(firstByte));
-    if (payload.size() < 126) {
-        frame.push_back(static_cast<char>(kMaskBit | static_cast<int>(payload.size())));
-    } else if (payload.size() < 65536) {
-        frame.push_back(static_cast<char>(kMaskBit | 126));
-        appendBigEndian(frame, payload.size(), 2);
-    } else {
-        frame.push_back(static_cast<char>(kMaskBit | 127));
-        appendBigEndian(frame, payload.size(), 8);
-    }
-    frame.append(kMask.data(), kMask.size());
+std::string clientFrame(int firstByte, std::string_view payload) {
+    constexpr std::string_view kMask = "\x11\x22\x33\x44";
+    std::string frame = frameHead(firstByte, payload.size(), 0x80).append(kMask);
     for (std::size_t i = 0; i < payload.size(); ++i) {
         frame.push_back(static_cast<char>(payload[i] ^ kMask[i % kMask.size()]));
     }
     return frame;
+}
+
+std::string serverFrame(int firstByte, std::string_view payload) {
+    return frameHead(firstByte, payload.size(), 0).append(payload);
+}
+
+std::string bigEndian(std::uint64_t value, int bytes) {
+    std::string text;
+    while (bytes-- > 0) text.push_back(static_cast<char>(value >> (8 * bytes)));
+    return text;
 }
 
 std::string handshakeRequest(std::string_view target) {

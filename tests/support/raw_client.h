@@ -40,8 +40,16 @@ private:
     bool m_hasEnded = false;
 };
 
-/// One WebSocket frame as a client sends it, masked. `firstByte` is FIN, reserved bits and opcode.
-std::string clientFrame(std::uint8_t firstByte, std::string_view payload);
+/// First bytes of frames.
+inline constexpr std::uint8_t kFin = 0x80, kContinuation = 0x0, kText = 0x1, kBinary = 0x2, kClose = 0x8, kPing = 0x9,
+                              kPong = 0xA;
+/// @{ One WebSocket frame with the shortest form of length: masked as a client sends it, unmasked as a server does.
+/// `firstByte` is FIN, reserved bits and opcode.
+std::string clientFrame(int firstByte, std::string_view payload);
+std::string serverFrame(int firstByte, std::string_view payload);
+/// @}
+/// `value` in so many bytes, the highest first.
+std::string bigEndian(std::uint64_t value, int bytes);
 
 /// The request of a WebSocket handshake for `target`, with its final empty line.
 std::string handshakeRequest(std::string_view target);

@@ -1,11 +1,8 @@
 // Every trace line and direct print of the library, once: which lines an operation writes at each of its exits.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -13,10 +10,12 @@
 #include <thread>
 
 #include "log/zenk_log.h"
+#include "tests/support/css_kinds.h"
 #include "tests/support/net_util.h"
 #include "tests/support/recording_websockets.h"
-#include "tests/trace/captured_output.h"
+#include "tests/support/wall_clock_client.h"
 #include "tests/trace/outside.h"
+#include "tests/trace/trace_words.h"
 #include "wsserver/media_sync_server.h"
 #include "wsserver/zenk_dvbCss.h"
 
@@ -53,7 +52,7 @@ protected:
         EXPECT_EQ(m_failures, "");
     }
     /// The steps of one function, where others write at the same time.
-    std::string stepsOf(const std::string& function, CapturedOutput::From from) {
+    std::string stepsOf(const std::string& function, TraceWords::From from) {
         std::vector<std::string> words = m_output->take(from);
         std::erase_if(words, [&](const std::string& word) { return word.substr(1) != function; });
         return joined(words);
@@ -79,7 +78,7 @@ protected:
         markClosed(wsi);
     }
 
-    std::unique_ptr<CapturedOutput> m_output = std::make_unique<CapturedOutput>();
+    std::unique_ptr<TraceWords> m_output = std::make_unique<TraceWords>();
     std::string m_failures;
     std::unique_ptr<MediaSyncServer> m_server;
 };
@@ -218,53 +217,17 @@ TEST_F(Trace, OfTheUrls) {
 void ignoreEvent(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*) {
 }
 
-/// The names in which the two servers differ, and the operations by them.
-struct Cii {
-    using Server = ZenkCSSCIIServer;
-    static constexpr const char* kClass = "ZenkCSSCIIServer";
-    static constexpr const char* kShort = "CII";
-    static constexpr const char* kExists = "ciiClientIdExists";
-    static constexpr const char* kAdd = "addCiiClientId";
-    static constexpr const char* kRemove = "removeCiiClientId";
-    static constexpr const char* kUri = "/css-cii";
-    static constexpr const char* kEndpoint = "getCssCiiEndpoint";
-    static constexpr const char* kBuilder = "getInterDevSyncUrl";
-    static constexpr ZenkCSSEvent kMessage = CSS_EVENT_CII_MESSAGE;
-    static int exists(Server& s, int id) { return s.ciiClientIdExists(id); }
-    static int add(Server& s, int id) { return s.addCiiClientId(id); }
-    static int remove(Server& s, int id) { return s.removeCiiClientId(id); }
-    static void subscribe(Server& s) { s.registerCIIEventCallback(ignoreEvent, &s); }
-    static void unsubscribe(Server& s) { s.unRegisterCIIEventCallback(); }
-    static void endpoint(Server& s, std::string& url) { s.getCssCiiEndpoint(url); }
-};
-
-struct Ts {
-    using Server = ZenkCSSTSServer;
-    static constexpr const char* kClass = "ZenkCSSTSServer";
-    static constexpr const char* kShort = "TS";
-    static constexpr const char* kExists = "tsClientIdExists";
-    static constexpr const char* kAdd = "addTsClientId";
-    static constexpr const char* kRemove = "removeTsClientId";
-    static constexpr const char* kUri = "/css-ts";
-    static constexpr const char* kEndpoint = "getCssTsEndpoint";
-    static constexpr const char* kBuilder = "getCssTsEndpoint";
-    static constexpr ZenkCSSEvent kMessage = CSS_EVENT_TS_MESSAGE;
-    static int exists(Server& s, int id) { return s.tsClientIdExists(id); }
-    static int add(Server& s, int id) { return s.addTsClientId(id); }
-    static int remove(Server& s, int id) { return s.removeTsClientId(id); }
-    static void subscribe(Server& s) { s.registerTSEventCallback(ignoreEvent, &s); }
-    static void unsubscribe(Server& s) { s.unRegisterTSEventCallback(); }
-    static void endpoint(Server& s, std::string& url) { s.getCssTsEndpoint(url); }
-};
-
-template <typename Names>
+template <typename Kind>
 class CssTrace : public Trace {
 protected:
-    static constexpr bool kIsCii = std::is_same_v<Names, Cii>;
+    static constexpr bool kIsCii = std::is_same_v<Kind, Cii>;
+    const std::string m_word = kIsCii ? "Cii" : "Ts", m_add = "add" + m_word + "ClientId",
+                      m_remove = "remove" + m_word + "ClientId",
+                      m_exists = std::string(kIsCii ? "cii" : "ts") + "ClientIdExists";
 
     static std::string step(const std::string& f) { return ">" + f + " | <" + f; }
     /// The id test traces its end for one of the two only.
-    static std::string idTest() { return kIsCii ? step(Names::kExists) : std::string(">") + Names::kExists; }
+    std::string idTest() { return kIsCii ? step(m_exists) : ">" + m_exists; }
     static std::string closing() {
         return ">closeClientConnection | >observerCloseClientConnection | <observerCloseClientConnection | "
                "<closeClientConnection";
@@ -277,8 +240,8 @@ TYPED_TEST(CssTrace, OfTheServer) {
     using N = TypeParam;
     using Server = typename N::Server;
     ZenkCSSEventDispatcher dispatcher;
-    const std::string className = N::kClass, shortName = N::kShort, uriText = N::kUri;
-    std::string init = "x", uri = uriText, otherUri = "/other";
+    const std::string shortName = N::kName, className = "ZenkCSS" + shortName + "Server";
+    std::string init = "x", uri = N::kUri, otherUri = "/other";
     unsigned char text[] = "hi";
     std::unique_ptr<Server> server;
     const std::string built = ">" + className + " | " + shortName + " m_maxClientNum = 25 | <" + className;
@@ -300,17 +263,17 @@ TYPED_TEST(CssTrace, OfTheServer) {
     this->expect(
         "status", [&] { server->getCssServerStatus(); }, this->step("getCssServerStatus"));
     this->expect(
-        "register", [&] { N::subscribe(*server); }, this->step(std::string("register") + N::kShort + "EventCallback"));
+        "register", [&] { (*server.*N::kRegister)(ignoreEvent, server.get()); },
+        this->step("register" + shortName + "EventCallback"));
     this->expect(
-        "exists", [&] { N::exists(*server, 1); }, this->idTest());
+        "exists", [&] { (*server.*N::kExists)(1); }, this->idTest());
 
     const std::string queued = this->step("queueEvent");
-    const std::string added = std::string(">") + N::kAdd + (this->kIsCii ? std::string(" | <") + N::kAdd : "");
+    const std::string added = this->kIsCii ? this->step(this->m_add) : ">" + this->m_add;
     this->expect(
-        "add", [&] { N::add(*server, 1000); }, added);
+        "add", [&] { (*server.*N::kAdd)(1000); }, added);
     this->expect(
-        "add again", [&] { N::add(*server, 1000); },
-        std::string(">") + N::kAdd + (this->kIsCii ? std::string(" | !") + N::kAdd : ""));
+        "add again", [&] { (*server.*N::kAdd)(1000); }, ">" + this->m_add + (this->kIsCii ? " | !" + this->m_add : ""));
     const std::string head = ">onNewClient | " + this->idTest() + " | m_maxClientNum = 25 | onNewClient:requrl=";
     this->expect(
         "new client", [&] { server->onNewClient(uri.data(), 1); },
@@ -338,31 +301,31 @@ TYPED_TEST(CssTrace, OfTheServer) {
         "leave, stranger", [&] { server->onClientLeave(1); },
         ">onClientLeave | " + this->idTest() + " | !onClientLeave");
 
-    const std::string remove = N::kRemove;
+    const std::string remove = this->m_remove;
     const std::string plainEnd = this->kIsCii ? "" : " | <" + remove;
     this->connect(40, "/x");  // client 1 of the registry, which can be closed
-    N::add(*server, 1);
+    (*server.*N::kAdd)(1);
     this->expect(
-        "remove", [&] { N::remove(*server, 1); }, ">" + remove + " | " + this->closing());
+        "remove", [&] { (*server.*N::kRemove)(1); }, ">" + remove + " | " + this->closing());
     this->expect(
-        "remove, not there", [&] { N::remove(*server, 1); }, ">" + remove + plainEnd);
-    N::remove(*server, 1000);
-    N::add(*server, 1);
+        "remove, not there", [&] { (*server.*N::kRemove)(1); }, ">" + remove + plainEnd);
+    (*server.*N::kRemove)(1000);
+    (*server.*N::kAdd)(1);
     this->expect(
-        "remove all", [&] { N::remove(*server, -1); }, ">" + remove + " | " + this->closing() + plainEnd);
+        "remove all", [&] { (*server.*N::kRemove)(-1); }, ">" + remove + " | " + this->closing() + plainEnd);
     this->expect(
-        "remove, empty", [&] { N::remove(*server, -1); }, ">" + remove + " | !" + remove);
+        "remove, empty", [&] { (*server.*N::kRemove)(-1); }, ">" + remove + " | !" + remove);
 
     ZenkCSSEevntInfo info{1, "x"};
+    constexpr auto kMessage = static_cast<ZenkCSSEvent>(N::kNew + 1);
     this->expect(
-        "dispatch", [&] { server->dispatchEventToMS(N::kMessage, &info); }, this->step("dispatchEventToMS"));
+        "dispatch", [&] { server->dispatchEventToMS(kMessage, &info); }, this->step("dispatchEventToMS"));
     this->expect(
-        "unregister", [&] { N::unsubscribe(*server); },
-        this->step(std::string("unRegister") + N::kShort + "EventCallback"));
+        "unregister", [&] { (*server.*N::kUnregister)(); }, this->step("unRegister" + shortName + "EventCallback"));
     this->expect(
-        "dispatch, nobody", [&] { server->dispatchEventToMS(N::kMessage, &info); }, this->step("dispatchEventToMS"));
+        "dispatch, nobody", [&] { server->dispatchEventToMS(kMessage, &info); }, this->step("dispatchEventToMS"));
 
-    for (int id = 100; id < 125; ++id) N::add(*server, id);
+    for (int id = 100; id < 125; ++id) (*server.*N::kAdd)(id);
     this->expect(
         "status, full", [&] { server->getCssServerStatus(); }, ">getCssServerStatus");
     this->expect(
@@ -373,13 +336,13 @@ TYPED_TEST(CssTrace, OfTheServer) {
         "disable", [&] { server->setEnableInterDevSync(false); },
         ">setEnableInterDevSync | " + this->closing() + " | <setEnableInterDevSync");
     this->expect(
-        "dispatch, disabled", [&] { server->dispatchEventToMS(N::kMessage, &info); },
+        "dispatch, disabled", [&] { server->dispatchEventToMS(kMessage, &info); },
         ">dispatchEventToMS | !dispatchEventToMS");
 
     std::string url;
-    const std::string f = N::kEndpoint, builder = N::kBuilder;
+    const std::string f = "getCss" + this->m_word + "Endpoint", builder = this->kIsCii ? "getInterDevSyncUrl" : f;
     const std::string asked = ">" + f + " | >getInstance | <getInstance | >" + builder + " | ";
-    const auto endpoint = [&] { N::endpoint(*server, url); };
+    const auto endpoint = [&] { (*server.*N::kEndpoint)(url); };
     outside::routes.reset();
     this->expect("endpoint, no address", endpoint,
                  asked + ">getLocalIpAddr | !getLocalIpAddr | !" + builder + " | " + f + ":url.c_str()= | <" + f);
@@ -404,7 +367,7 @@ TEST_F(Trace, OfTheDispatcher) {
         "queue nothing", [&] { dispatcher->queueEvent(nullptr); }, ">queueEvent | !queueEvent");
     expect(
         "destroyed", [&] { dispatcher.reset(); }, ">~ZenkCSSEventDispatcher | <~ZenkCSSEventDispatcher");
-    check("event thread", joined(m_output->take(CapturedOutput::From::kOtherThreads)),
+    check("event thread", joined(m_output->take(TraceWords::From::kOtherThreads)),
           ">cssEventThread | >processEvent | !processEvent | <processEvent | <cssEventThread");
     expect(
         "built by a server", [&] { ZenkCSSWCServer server; },
@@ -415,49 +378,16 @@ TEST_F(Trace, OfTheDispatcher) {
         "stop", [&] { dispatcher->stopEventThread(); }, ">stopEventThread | <stopEventThread");
 }
 
-/// A UDP socket that was free for a moment, and what a client does with it.
-class WallClockClient {
-public:
-    WallClockClient() : m_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        socklen_t size = sizeof address;
-        address.sin_family = AF_INET;
-        bind(m_socket, reinterpret_cast<sockaddr*>(&address), size);
-        getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
-        m_port = ntohs(address.sin_port);
-        ::close(m_socket);
-        m_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const timeval patience{20, 0};
-        setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    }
-    ~WallClockClient() { ::close(m_socket); }
-    WallClockClient(const WallClockClient&) = delete;
-    WallClockClient& operator=(const WallClockClient&) = delete;
-
-    int port() const { return m_port; }
-    void send(const std::string& text) { ::send(m_socket, text.data(), text.size(), 0); }
-    /// Asks until the server, which may still be on its way, answers.
-    bool ask(const std::string& text) {
-        char reply[64];
-        for (int i = 0; i < 2000; ++i) {
-            send(text);
-            if (recv(m_socket, reply, sizeof reply, 0) == 32) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));  // refused: nobody there yet
-        }
-        return false;
-    }
-
-private:
-    int m_socket;
-    int m_port = 0;
-};
-
 TEST_F(Trace, OfTheWallClockServer) {
-    using From = CapturedOutput::From;
-    WallClockClient client;
-    std::string port = std::to_string(client.port());
+    using From = TraceWords::From;
+    const int portNumber = freePort();
+    std::string port = std::to_string(portNumber);
+    WallClockClient client(portNumber);
+    /// Asks until the server, which may still be on its way, answers.
+    const auto ask = [&] {
+        WallClockClient::Reply reply;
+        return waitUntil([&] { return client.send("question"), client.receive(reply); });
+    };
     ZenkCSSEventDispatcher dispatcher;
     ZenkCSSWCServer idle;
     expect(
@@ -473,7 +403,7 @@ TEST_F(Trace, OfTheWallClockServer) {
         check(what, testing::internal::GetCapturedStderr(), message);
     };
     {
-        const Socket blocker = bindPort(client.port(), SOCK_DGRAM);
+        const Socket blocker = bindPort(portNumber, SOCK_DGRAM);
         refuses("port taken", "bind: Address already in use\n");
     }
     outside::receiveFails = true;
@@ -485,7 +415,7 @@ TEST_F(Trace, OfTheWallClockServer) {
 
     m_output->take();
     std::thread serving([&] { server.startWCServer(); });
-    ASSERT_TRUE(client.ask("question"));
+    ASSERT_TRUE(ask());
     check("answer", joined(m_output->take()),
           "##MS## receive msg from wc client, len=8,msg:question | ##MS## send msg to wc client, len=32");
     expect(
@@ -497,7 +427,7 @@ TEST_F(Trace, OfTheWallClockServer) {
           ">startWCServer | !startWCServer | <startWCServer");
 
     std::thread again([&] { server.startWCServer(); });
-    ASSERT_TRUE(client.ask("question"));
+    ASSERT_TRUE(ask());
     m_output->take();
     server.stopWCServer();
     again.join();
@@ -506,7 +436,7 @@ TEST_F(Trace, OfTheWallClockServer) {
           ">startWCServer | !startWCServer | <startWCServer");
 
     std::thread last([&] { server.startWCServer(); });
-    ASSERT_TRUE(client.ask("question"));
+    ASSERT_TRUE(ask());
     m_output->take();
     outside::noSockets = true;
     server.stopWCServer();

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/child_process.h"
@@ -11,7 +11,7 @@
 
 namespace zenk_test {
 
-/// A running zenk_receiver on ports of its own, with what it printed up to "ready".
+/// A running zenk_receiver (ZENK_RECEIVER_PATH) on ports of its own, with what it printed up to "ready".
 class Receiver {
 public:
     /// Starts it and waits until it is ready. Throws when it does not get there.
@@ -27,8 +27,8 @@ public:
     std::string url(const std::string& name) const;
     /// Path of that URL: what stands behind host and port.
     std::string path(const std::string& name) const;
-    /// Names in the order of printing.
-    const std::vector<std::string>& printedNames() const { return m_names; }
+    /// Names of the URLs in the order of printing.
+    std::vector<std::string> printedNames() const;
 
     /// The next "event" line, "" when none comes in time.
     std::string nextEvent() { return m_process->lineWith("event ").value_or(""); }
@@ -41,8 +41,7 @@ private:
     int m_port;
     int m_wcPort;
     std::unique_ptr<ChildProcess> m_process;
-    std::map<std::string, std::string> m_urls;
-    std::vector<std::string> m_names;
+    std::vector<std::pair<std::string, std::string>> m_urls;  // names and URLs
 };
 
 }  // namespace zenk_test

@@ -3,16 +3,13 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/captured_output.h"
+
 namespace zenk_test {
 
 /// Standard output from construction to destruction, read back as short words.
-class CapturedOutput {
+class TraceWords {
 public:
-    CapturedOutput();
-    ~CapturedOutput();
-    CapturedOutput(const CapturedOutput&) = delete;
-    CapturedOutput& operator=(const CapturedOutput&) = delete;
-
     enum class From { kThisThread, kOtherThreads };
 
     /// What was printed since the last call: ">f" for a function entered, "<f" left, "!f" in trouble, "f:name=value"
@@ -21,9 +18,7 @@ public:
     std::vector<std::string> take(From from = From::kThisThread);
 
 private:
-    int m_file;
-    int m_savedStdout;
-    long m_readTo = 0;
+    CapturedOutput m_output;
     std::vector<std::string> m_others;
 };
 

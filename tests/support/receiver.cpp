@@ -1,15 +1,10 @@
-#include "tests/receiver/receiver.h"
+#include "tests/support/receiver.h"
 
-#include <array>
+#include <algorithm>
 #include <csignal>
 #include <stdexcept>
 
 namespace zenk_test {
-namespace {
-
-constexpr std::array<const char*, 5> kUrlNames{"app2app-local", "app2app-remote", "css-cii", "css-ts", "css-wc"};
-
-}  // namespace
 
 Receiver::Receiver(std::vector<std::string> arguments, const std::vector<std::string>& environment)
     : m_port(freePort()), m_wcPort(freePort()) {
@@ -22,18 +17,23 @@ Receiver::Receiver(std::vector<std::string> arguments, const std::vector<std::st
 void Receiver::readLinesUntilReady() {
     while (const std::optional<std::string> line = m_process->nextLine()) {
         if (*line == "ready") return;
-        for (const std::string name : kUrlNames) {
-            if (!line->starts_with(name + " ")) continue;
-            m_names.push_back(name);
-            m_urls[name] = line->substr(name.size() + 1);
-        }
+        const std::size_t blank = line->find(' ');
+        const std::string name = line->substr(0, blank);
+        if (name.starts_with("app2app-") || name.starts_with("css-"))
+            m_urls.emplace_back(name, line->substr(blank + 1));
     }
     m_process->signal(SIGKILL);
     throw std::runtime_error("zenk_receiver did not get ready: " + m_process->errorOutput());
 }
 
+std::vector<std::string> Receiver::printedNames() const {
+    std::vector<std::string> names;
+    for (const auto& [name, url] : m_urls) names.push_back(name);
+    return names;
+}
+
 std::string Receiver::url(const std::string& name) const {
-    const auto found = m_urls.find(name);
+    const auto found = std::ranges::find(m_urls, name, &std::pair<std::string, std::string>::first);
     return found == m_urls.end() ? std::string() : found->second;
 }
 

@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <string>
 
+namespace zenk_test {
+
 /// Collects what goes to standard output while it lives.
 class CapturedOutput {
 public:
-    CapturedOutput() : m_file(memfd_create("output", 0)), m_before(dup(STDOUT_FILENO)) {
+    CapturedOutput() : m_file(memfd_create("output", MFD_CLOEXEC)), m_before(dup(STDOUT_FILENO)) {
         std::fflush(stdout);
         dup2(m_file, STDOUT_FILENO);
     }
@@ -44,3 +46,5 @@ private:
     const int m_before;
     off_t m_taken = 0;
 };
+
+}  // namespace zenk_test

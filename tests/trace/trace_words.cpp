@@ -1,10 +1,7 @@
-#include "tests/trace/captured_output.h"
+#include "tests/trace/trace_words.h"
 
-#include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <regex>
 #include <sstream>
 #include <utility>
@@ -37,27 +34,10 @@ std::string wordFor(const std::string& line, const std::string& colour) {
 
 }  // namespace
 
-CapturedOutput::CapturedOutput() : m_file(memfd_create("output", MFD_CLOEXEC)), m_savedStdout(dup(STDOUT_FILENO)) {
-    std::fflush(stdout);
-    if (dup2(m_file, STDOUT_FILENO) < 0) std::abort();
-}
-
-CapturedOutput::~CapturedOutput() {
-    std::fflush(stdout);
-    dup2(m_savedStdout, STDOUT_FILENO);
-    close(m_savedStdout);
-    close(m_file);
-}
-
-std::vector<std::string> CapturedOutput::take(From from) {
-    std::fflush(stdout);
-    std::string text(static_cast<std::size_t>(lseek(m_file, 0, SEEK_END) - m_readTo), '\0');
-    const ssize_t got = pread(m_file, text.data(), text.size(), m_readTo);
-    m_readTo += got;
-
+std::vector<std::string> TraceWords::take(From from) {
     const std::string ownTid = ",tid=" + std::to_string(gettid()) + ",";
     std::vector<std::string> words;
-    std::istringstream lines(text);
+    std::istringstream lines(m_output.take());
     for (std::string line; std::getline(lines, line);) {
         if (line.starts_with(kReset)) line.erase(0, sizeof kReset - 1);  // of the line before
         if (line.empty()) continue;
