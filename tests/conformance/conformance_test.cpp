@@ -2,7 +2,6 @@
 // or the connection ends with the right status. Cases named "known:" pin where libwebsockets departs from the RFC.
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <thread>
 #include <vector>
 

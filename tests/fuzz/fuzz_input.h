@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 #include <string_view>
 
 namespace zenk_test {
@@ -33,7 +32,6 @@ public:
         const std::size_t high = byte();
         return bytes(std::min<std::size_t>(high << 8 | byte(), limit));
     }
-    std::string_view rest() { return bytes(m_rest.size()); }
 
 private:
     std::string_view m_rest;

@@ -9,7 +9,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/ws_limits.h"
 #include "platform/zenk_websockets.h"

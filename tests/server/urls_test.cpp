@@ -19,7 +19,6 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "wsserver/media_sync_server.h"
 #include "wsserver/route_table.h"

@@ -5,9 +5,6 @@ import os
 import socket
 import struct
 
-CLOSE_OPCODE = 8
-PING_OPCODE = 9
-
 
 def handshake(path):
     return (f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <system_error>
 
 namespace zenk_test {

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "tests/support/child_process.h"
-#include "tests/support/net_util.h"
 
 namespace zenk_test {
 
