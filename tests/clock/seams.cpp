@@ -1,6 +1,5 @@
 #include "tests/clock/seams.h"
 
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <utility>
@@ -10,7 +9,6 @@ namespace {
 std::mutex g_mutex;                         // guards all below
 auto& g_reads = *new std::deque<timespec>;  // never destroyed: detached threads read the clock until the very end
 clockid_t g_lastClock = -1;
-std::string g_address;
 
 }  // namespace
 
@@ -31,18 +29,12 @@ clockid_t takeLastClock() {
     return std::exchange(g_lastClock, -1);
 }
 
-void setLocalAddress(const std::string& address) {
-    std::lock_guard lock(g_mutex);
-    g_address = address;
-}
-
 }  // namespace seams
 
 extern "C" {
 
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __wrap_clock_gettime(clockid_t clock, timespec* now);
-int __wrap__Z14getLocalIpAddrPci(char* address, int length);
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
     std::lock_guard lock(g_mutex);
@@ -50,13 +42,6 @@ int __wrap_clock_gettime(clockid_t clock, timespec* now) {
     if (g_reads.empty()) return __real_clock_gettime(clock, now);
     *now = g_reads.front();
     g_reads.pop_front();
-    return 0;
-}
-
-int __wrap__Z14getLocalIpAddrPci(char* address, int length) {
-    std::lock_guard lock(g_mutex);
-    if (g_address.empty()) return -1;
-    std::strncpy(address, g_address.c_str(), static_cast<std::size_t>(length));
     return 0;
 }
 

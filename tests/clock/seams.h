@@ -1,7 +1,6 @@
 #pragma once
 
 #include <ctime>
-#include <string>
 #include <vector>
 
 /// What the tests put in the place of the outside world. Any thread.
@@ -12,8 +11,5 @@ void scriptReads(std::vector<timespec> reads);
 std::size_t readsLeft();
 /// The clock that was read last since the last call; -1 for none.
 clockid_t takeLastClock();
-
-/// The receiver's address; empty for none.
-void setLocalAddress(const std::string& address);
 
 }  // namespace seams

@@ -243,16 +243,6 @@ TEST_F(WCServer, APassAllocatesNothing) {
     EXPECT_EQ(zenk_test::allocationCount(), quiet);
 }
 
-TEST_F(WCServer, PublishesItsPortTextOrLeavesTheUrlAlone) {
-    std::string url = "before";
-    seams::setLocalAddress("");
-    m_server->getCssWcEndpoint(url);
-    EXPECT_EQ(url, "before");
-    seams::setLocalAddress("192.168.100.100");
-    m_server->getCssWcEndpoint(url);
-    EXPECT_EQ(url, "udp://192.168.100.100:" + std::to_string(m_port) + "x");
-}
-
 #ifdef ZENK_WCPROBE
 /// Runs the probe; @return its standard output and exit code.
 std::pair<std::string, int> runProbe(const std::string& arguments) {

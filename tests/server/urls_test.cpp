@@ -1,28 +1,19 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "tests/support/outside.h"
 #include "wsserver/media_sync_server.h"
 #include "wsserver/route_table.h"
 #include "wsserver/url_token.h"
+#include "wsserver/zenk_dvbCss.h"
 
 namespace {
 
@@ -74,97 +65,52 @@ TEST(RouteTable, FirstCompleteLineNamesTheInterface) {
     EXPECT_EQ(firstRouteInterface(table.get()), "") << "a read error is the end";
 }
 
-/// The interface "lo" of a fresh network namespace, and a route table that the test writes.
-class Machine {
-public:
-    static bool enter() {
-        return ::unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 && ::mount("", "/", "", MS_REC | MS_PRIVATE, "") == 0 &&
-               ::mount("tmpfs", "/proc/self/net", "tmpfs", 0, "") == 0;
-    }
-    static void setRoutes(const std::string& text) { std::ofstream("/proc/self/net/route") << text; }
-    static void setAddress(const char* interface, const char* address) {
-        ifreq request = named(interface);
-        sockaddr_in in = {};
-        in.sin_family = AF_INET;
-        ::inet_pton(AF_INET, address, &in.sin_addr);
-        std::memcpy(&request.ifr_addr, &in, sizeof in);
-        command(SIOCSIFADDR, request);
-    }
-    static void rename(const char* interface, const char* name) {
-        ifreq request = named(interface);
-        std::strcpy(request.ifr_newname, name);
-        command(SIOCSIFNAME, request);
+class Urls : public testing::Test {
+protected:
+    /// What each operation makes of "kept".
+    std::vector<std::string> ask() {
+        std::vector<std::string> urls(5, "kept");
+        server.getApp2AppLocalBaseUrl(urls[0]);
+        server.getApp2AppRemoteBaseUrl(urls[1]);
+        server.getInterDevSyncUrl(urls[2]);
+        server.getCssTsEndpoint(urls[3]);
+        clock.getCssWcEndpoint(urls[4]);
+        return urls;
     }
 
-private:
-    static ifreq named(const char* interface) {
-        ifreq request = {};
-        std::strcpy(request.ifr_name, interface);
-        return request;
-    }
-    static void command(unsigned long what, ifreq& request) {
-        const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-        EXPECT_EQ(::ioctl(fd, what, &request), 0) << std::strerror(errno);
-        ::close(fd);
-    }
+    MediaSyncServer server;
+    ZenkCSSEventDispatcher dispatcher;  // or the clock would make one that outlives this test
+    std::string clockPort = "6677x";
+    ZenkCSSWCServer clock{clockPort};
 };
 
-constexpr int kNotAllowed = 77;
-
-/// Runs `body` in a child that has a machine of its own. @return its exit code
-int inOwnMachine(const std::function<void()>& body) {
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        if (!Machine::enter()) std::_Exit(kNotAllowed);
-        body();
-        std::fflush(nullptr);
-        std::_Exit(testing::Test::HasFailure() ? 1 : 0);
+TEST_F(Urls, NeedAnAddress) {
+    const std::vector<std::string> kept(5, "kept");
+    outside::address = "10.11.12.13";
+    for (const std::optional<std::string>& routes : {std::optional<std::string>(), {""}}) {
+        outside::routes = routes;
+        EXPECT_EQ(ask(), kept);
     }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+    outside::address = "";
+    outside::routes = kHeader + "eth9" + kNumbers + "lo" + kNumbers;
+    EXPECT_EQ(ask(), kept);
+    EXPECT_EQ(outside::interface, "eth9");
 
-using UrlOperation = void (MediaSyncServer::*)(std::string&);
-constexpr UrlOperation kOperations[] = {&MediaSyncServer::getApp2AppLocalBaseUrl,
-                                        &MediaSyncServer::getApp2AppRemoteBaseUrl, &MediaSyncServer::getInterDevSyncUrl,
-                                        &MediaSyncServer::getCssTsEndpoint};
-
-void expectNoAddress() {
-    MediaSyncServer server;
-    for (const UrlOperation operation : kOperations) {
-        std::string url = "kept";
-        (server.*operation)(url);
-        EXPECT_EQ(url, "kept");
-    }
-}
-
-void checkLookups() {
-    expectNoAddress();
-    for (const std::string& routes : {std::string(), kHeader}) {
-        Machine::setRoutes(routes);
-        expectNoAddress();
-    }
-    Machine::setAddress("lo", "192.168.100.200");
-    Machine::setRoutes(kHeader + "eth9" + kNumbers + "lo" + kNumbers);
-    expectNoAddress();
-
-    Machine::rename("lo", "exactly15chars_");
-    Machine::setRoutes(kHeader + "exactly15chars_more" + kNumbers);
+    outside::routes = kHeader + "exactly15chars_more" + kNumbers;
+    outside::address = "192.168.100.200";
     char address[17] = "untouched";
     address[15] = '#';
     EXPECT_EQ(getLocalIpAddr(address, 15), 0);
+    EXPECT_EQ(outside::interface, "exactly15chars_");
     EXPECT_STREQ(address, "192.168.100.200#") << "15 characters and no terminator";
-    Machine::setAddress("exactly15chars_", "10.0.0.1");
+    outside::address = "10.0.0.1";
     EXPECT_EQ(getLocalIpAddr(address, 15), 0);
     EXPECT_EQ(std::string(address, 16), std::string("10.0.0.1\0\0\0\0\0\0\0#", 16));
 }
 
-void checkUrls() {
-    Machine::setRoutes(kHeader + "lo" + kNumbers);
-    Machine::setAddress("lo", "10.11.12.13");
-    MediaSyncServer server;
+TEST_F(Urls, JoinTheirPieces) {
+    outside::routes = kHeader + "lo" + kNumbers;
+    outside::address = "192.168.100.100";
     std::time_t seed = 0;
     do {  // the seed is the second of the drawing
         seed = std::time(nullptr);
@@ -172,24 +118,12 @@ void checkUrls() {
     } while (std::time(nullptr) != seed);
     std::srand(static_cast<unsigned>(seed));
     const std::string local = randomToken(), remote = randomToken(), sync = randomToken();
-
-    const std::string expected[] = {"/local/hbbtv/" + local + "/", "/remote/hbbtv/" + remote + "/",
-                                    "/css-cii/" + sync + "/", "/css-ts/"};
     for (const int port : {0, 7681}) {
         server.m_port = port;
-        for (std::size_t i = 0; i < std::size(kOperations); ++i) {
-            std::string url = "replaced";
-            (server.*kOperations[i])(url);
-            EXPECT_EQ(url, "ws://10.11.12.13:" + std::to_string(port) + expected[i]);
-        }
-    }
-}
-
-TEST(Urls, NeedAnAddressAndJoinTheirPieces) {
-    for (const auto check : {checkLookups, checkUrls}) {
-        const int code = inOwnMachine(check);
-        if (code == kNotAllowed) GTEST_SKIP() << "this machine gives no network namespace to a test";
-        EXPECT_EQ(code, 0);
+        const std::string base = "ws://192.168.100.100:" + std::to_string(port);
+        EXPECT_EQ(ask(), (std::vector<std::string>{
+                             base + "/local/hbbtv/" + local + "/", base + "/remote/hbbtv/" + remote + "/",
+                             base + "/css-cii/" + sync + "/", base + "/css-ts/", "udp://192.168.100.100:6677x"}));
     }
 }
 

@@ -11,9 +11,9 @@
 #include "log/zenk_log.h"
 #include "tests/support/css_kinds.h"
 #include "tests/support/net_util.h"
+#include "tests/support/outside.h"
 #include "tests/support/recording_websockets.h"
 #include "tests/support/wall_clock_client.h"
-#include "tests/trace/outside.h"
 #include "tests/trace/trace_words.h"
 #include "wsserver/media_sync_server.h"
 #include "wsserver/zenk_dvbCss.h"
@@ -37,7 +37,7 @@ protected:
     }
     ~Trace() override { clear_modules_list(); }
 
-    void expect(const char* what, const std::function<void()>& action, const std::string& lines) {
+    void expect(const char* what, const std::string& lines, const std::function<void()>& action) {
         m_output->take();
         action();
         check(what, joined(m_output->take()), lines);
@@ -84,63 +84,52 @@ protected:
 
 TEST_F(Trace, OfTheRegistryAndPairing) {
     lws *local = nullptr, *remote = nullptr, *other = nullptr;
-    expect(
-        "instance", [&] { MediaSyncServer::getInstance(); }, ">getInstance | <getInstance");
-    expect(
-        "filter, pairing", [&] { open(3, "/local/hbbtv/t/n"), m_server->onFilterConnection(); }, ">onFilterConnection");
-    expect(
-        "filter, other", [&] { open(4, "/x"), m_server->onFilterConnection(); },
-        ">onFilterConnection | <onFilterConnection");
+    expect("instance", ">getInstance | <getInstance", [&] { MediaSyncServer::getInstance(); });
+    expect("filter, pairing", ">onFilterConnection",
+           [&] { open(3, "/local/hbbtv/t/n"), m_server->onFilterConnection(); });
+    expect("filter, other", ">onFilterConnection | <onFilterConnection",
+           [&] { open(4, "/x"), m_server->onFilterConnection(); });
     struct Refusing : ClientObserver {
         int getCssServerStatus() override { return status; }
         int status = 1;
     } refusing;
     m_server->addObserver(&refusing);
-    expect(
-        "filter, 403", [&] { open(4, "/x"), m_server->onFilterConnection(); }, ">onFilterConnection");
+    expect("filter, 403", ">onFilterConnection", [&] { open(4, "/x"), m_server->onFilterConnection(); });
     refusing.status = 2;
-    expect(
-        "filter, 503", [&] { open(4, "/x"), m_server->onFilterConnection(); }, ">onFilterConnection");
-    expect(
-        "connect, socket 0", [&] { m_server->handlePairingConnection("/local/hbbtv/t/n", 0, open(0, "")); },
-        ">handlePairingConnection | handlePairingConnection:endpoint.c_str()=/n | <handlePairingConnection");
-    expect(
-        "connect, waiting", [&] { local = connect(5, "/local/hbbtv/t/n"); },
-        ">onConnect | onConnect:fulluri.c_str()=/local/hbbtv/t/n | >handlePairingConnection | "
-        "handlePairingConnection:endpoint.c_str()=/n | <handlePairingConnection");
-    expect(
-        "connect, remote last", [&] { remote = connect(6, "/remote/hbbtv/u/n"); },
-        ">onConnect | onConnect:fulluri.c_str()=/remote/hbbtv/u/n | >handlePairingConnection | "
-        "handlePairingConnection:endpoint.c_str()=/n | handlePairingConnection:\"remote paired\"=remote paired | "
-        "<handlePairingConnection");
-    expect(
-        "connect, other", [&] { other = connect(7, "/x"); }, ">onConnect | onConnect:fulluri.c_str()=/x | <onConnect");
-    expect(
-        "message, pair", [&] { message(local); }, ">onMessage | >handlePairingMsg | <handlePairingMsg | !onMessage");
+    expect("filter, 503", ">onFilterConnection", [&] { open(4, "/x"), m_server->onFilterConnection(); });
+    expect("connect, socket 0",
+           ">handlePairingConnection | handlePairingConnection:endpoint.c_str()=/n | <handlePairingConnection",
+           [&] { m_server->handlePairingConnection("/local/hbbtv/t/n", 0, open(0, "")); });
+    expect("connect, waiting",
+           ">onConnect | onConnect:fulluri.c_str()=/local/hbbtv/t/n | >handlePairingConnection | "
+           "handlePairingConnection:endpoint.c_str()=/n | <handlePairingConnection",
+           [&] { local = connect(5, "/local/hbbtv/t/n"); });
+    expect("connect, remote last",
+           ">onConnect | onConnect:fulluri.c_str()=/remote/hbbtv/u/n | >handlePairingConnection | "
+           "handlePairingConnection:endpoint.c_str()=/n | handlePairingConnection:\"remote paired\"=remote paired | "
+           "<handlePairingConnection",
+           [&] { remote = connect(6, "/remote/hbbtv/u/n"); });
+    expect("connect, other", ">onConnect | onConnect:fulluri.c_str()=/x | <onConnect",
+           [&] { other = connect(7, "/x"); });
+    expect("message, pair", ">onMessage | >handlePairingMsg | <handlePairingMsg | !onMessage", [&] { message(local); });
     std::atomic_ref(m_server->enablePairing).store(false);
-    expect(
-        "message, pairing off", [&] { message(remote); },
-        ">onMessage | >handlePairingMsg | handlePairingMsg:enablePairing=0 | !onMessage");
-    expect(
-        "message, other", [&] { message(other); }, ">onMessage | >handlePairingMsg | <handlePairingMsg | <onMessage");
-    expect(
-        "message, unknown", [&] { message(open(99, "/y")); },
-        ">onMessage | >handlePairingMsg | <handlePairingMsg | !onMessage");
-    expect(
-        "close, pair", [&] { close(local); }, ">onClose | >handlePairingClose | <handlePairingClose | <onClose");
-    expect(
-        "close, last of a pair", [&] { close(remote); },
-        ">onClose | >handlePairingClose | <handlePairingClose | <onClose");
-    expect(
-        "close, other", [&] { close(other); }, ">onClose | >handlePairingClose | <handlePairingClose | <onClose");
-    expect(
-        "close, unknown", [&] { close(open(98, "/y")); }, ">onClose | ###can't find client id");
+    expect("message, pairing off", ">onMessage | >handlePairingMsg | handlePairingMsg:enablePairing=0 | !onMessage",
+           [&] { message(remote); });
+    expect("message, other", ">onMessage | >handlePairingMsg | <handlePairingMsg | <onMessage",
+           [&] { message(other); });
+    expect("message, unknown", ">onMessage | >handlePairingMsg | <handlePairingMsg | !onMessage",
+           [&] { message(open(99, "/y")); });
+    expect("close, pair", ">onClose | >handlePairingClose | <handlePairingClose | <onClose", [&] { close(local); });
+    expect("close, last of a pair", ">onClose | >handlePairingClose | <handlePairingClose | <onClose",
+           [&] { close(remote); });
+    expect("close, other", ">onClose | >handlePairingClose | <handlePairingClose | <onClose", [&] { close(other); });
+    expect("close, unknown", ">onClose | ###can't find client id", [&] { close(open(98, "/y")); });
     connect(5, "/remote/hbbtv/t/m");
-    expect(
-        "connect, local last", [&] { connect(6, "/local/hbbtv/u/m"); },
-        ">onConnect | onConnect:fulluri.c_str()=/local/hbbtv/u/m | >handlePairingConnection | "
-        "handlePairingConnection:endpoint.c_str()=/m | handlePairingConnection:\"local paired\"=local paired | "
-        "<handlePairingConnection");
+    expect("connect, local last",
+           ">onConnect | onConnect:fulluri.c_str()=/local/hbbtv/u/m | >handlePairingConnection | "
+           "handlePairingConnection:endpoint.c_str()=/m | handlePairingConnection:\"local paired\"=local paired | "
+           "<handlePairingConnection",
+           [&] { connect(6, "/local/hbbtv/u/m"); });
 }
 
 TEST_F(Trace, OfOutboundOperations) {
@@ -149,31 +138,28 @@ TEST_F(Trace, OfOutboundOperations) {
     const auto send = [&](int id) { return [&, id] { observer.sendMessage(text, 1, id); }; };
     const auto sendAll = [&] { observer.sendMessageAll(text, 1, -1); };
     const auto closeClient = [&](int id) { return [&, id] { observer.closeClientConnection(id); }; };
-    expect("send, no server", send(1), ">sendMessage | !sendMessage");
-    expect("send all, no server", sendAll, ">sendMessageAll | !sendMessageAll");
-    expect("close, no server", closeClient(1), ">closeClientConnection | !closeClientConnection");
-    expect(
-        "url, no server", [&] { observer.getUrl(1); }, "");
-    expect(
-        "add", [&] { m_server->addObserver(&observer); }, "");
+    expect("send, no server", ">sendMessage | !sendMessage", send(1));
+    expect("send all, no server", ">sendMessageAll | !sendMessageAll", sendAll);
+    expect("close, no server", ">closeClientConnection | !closeClientConnection", closeClient(1));
+    expect("url, no server", "", [&] { observer.getUrl(1); });
+    expect("add", "", [&] { m_server->addObserver(&observer); });
     for (const int id : {1, -1}) {
-        expect(
-            "send", [&] { connect(5 - id, "/x"), m_output->take(), send(id)(); },
-            ">sendMessage | >observerSendMessage | <observerSendMessage | <sendMessage");
-        expect("close", closeClient(id),
+        expect("send", ">sendMessage | >observerSendMessage | <observerSendMessage | <sendMessage",
+               [&] { connect(5 - id, "/x"), m_output->take(), send(id)(); });
+        expect("close",
                ">closeClientConnection | >observerCloseClientConnection | <observerCloseClientConnection | "
-               "<closeClientConnection");
+               "<closeClientConnection",
+               closeClient(id));
     }
-    expect("send, unknown id", send(77), ">sendMessage | >observerSendMessage | !observerSendMessage | <sendMessage");
-    expect("close, unknown id", closeClient(77),
+    expect("send, unknown id", ">sendMessage | >observerSendMessage | !observerSendMessage | <sendMessage", send(77));
+    expect("close, unknown id",
            ">closeClientConnection | >observerCloseClientConnection | !observerCloseClientConnection | "
-           "<closeClientConnection");
-    expect("send all", sendAll,
-           ">sendMessageAll | >observerSendMessageAll | <observerSendMessageAll | <sendMessageAll");
-    expect(
-        "url", [&] { observer.getUrl(1); }, "");
-    expect(
-        "remove", [&] { m_server->removeObserver(&observer); }, "");
+           "<closeClientConnection",
+           closeClient(77));
+    expect("send all", ">sendMessageAll | >observerSendMessageAll | <observerSendMessageAll | <sendMessageAll",
+           sendAll);
+    expect("url", "", [&] { observer.getUrl(1); });
+    expect("remove", "", [&] { m_server->removeObserver(&observer); });
 }
 
 const std::string kRoutes = "header\neth0\t0\t0\t3\t0\t0\t0\t0\t0\t0\t0\n";
@@ -183,18 +169,18 @@ TEST_F(Trace, OfTheUrls) {
     char address[16] = "before";
     const auto lookUp = [&] { getLocalIpAddr(address, 15); };
     outside::address = "";
-    expect("no table", lookUp, ">getLocalIpAddr | !getLocalIpAddr");
+    expect("no table", ">getLocalIpAddr | !getLocalIpAddr", lookUp);
     outside::routes = "";
-    expect("empty table", lookUp, ">getLocalIpAddr | !getLocalIpAddr");
+    expect("empty table", ">getLocalIpAddr | !getLocalIpAddr", lookUp);
     outside::routes = "header\n";
-    expect("no route", lookUp, ">getLocalIpAddr | getLocalIpAddr:iface_name= | getLocalIpAddr:ip_addr=before");
+    expect("no route", ">getLocalIpAddr | getLocalIpAddr:iface_name= | getLocalIpAddr:ip_addr=before", lookUp);
     outside::routes = kRoutes;
-    expect("no address", lookUp, ">getLocalIpAddr | getLocalIpAddr:iface_name=eth0 | getLocalIpAddr:ip_addr=before");
+    expect("no address", ">getLocalIpAddr | getLocalIpAddr:iface_name=eth0 | getLocalIpAddr:ip_addr=before", lookUp);
     outside::noSockets = true;
-    expect("no socket", lookUp, ">getLocalIpAddr | getLocalIpAddr:iface_name=eth0 | !getLocalIpAddr");
+    expect("no socket", ">getLocalIpAddr | getLocalIpAddr:iface_name=eth0 | !getLocalIpAddr", lookUp);
     outside::noSockets = false;
     outside::address = "10.11.12.13";
-    expect("found", lookUp, kFound);
+    expect("found", kFound, lookUp);
 
     std::string url, port = "6677";
     ZenkCSSEventDispatcher dispatcher;  // or the server would make one that outlives this test
@@ -207,9 +193,9 @@ TEST_F(Trace, OfTheUrls) {
         {"getCssWcEndpoint", [&] { clock.getCssWcEndpoint(url); }}};
     for (const auto& [f, operation] : operations) {
         outside::routes = kRoutes;
-        expect("url", operation, ">" + f + " | " + kFound + " | <" + f);
+        expect("url", ">" + f + " | " + kFound + " | <" + f, operation);
         outside::routes.reset();
-        expect("url, no address", operation, ">" + f + " | >getLocalIpAddr | !getLocalIpAddr | !" + f);
+        expect("url, no address", ">" + f + " | >getLocalIpAddr | !getLocalIpAddr | !" + f, operation);
     }
 }
 
@@ -244,137 +230,107 @@ TYPED_TEST(CssTrace, OfTheServer) {
     unsigned char text[] = "hi";
     std::unique_ptr<Server> server;
     const std::string built = ">" + className + " | " + shortName + " m_maxClientNum = 25 | <" + className;
-    this->expect(
-        "string constructor", [&] { server = std::make_unique<Server>(init); }, built);
-    this->expect(
-        "destructor", [&] { server.reset(); }, this->step("~" + className));
-    this->expect(
-        "constructor", [&] { server = std::make_unique<Server>(); }, built);
-    this->expect(
-        "disable, no server", [&] { server->setEnableInterDevSync(false); },
-        ">setEnableInterDevSync | >closeClientConnection | !closeClientConnection | <setEnableInterDevSync");
+    this->expect("string constructor", built, [&] { server = std::make_unique<Server>(init); });
+    this->expect("destructor", this->step("~" + className), [&] { server.reset(); });
+    this->expect("constructor", built, [&] { server = std::make_unique<Server>(); });
+    this->expect("disable, no server",
+                 ">setEnableInterDevSync | >closeClientConnection | !closeClientConnection | <setEnableInterDevSync",
+                 [&] { server->setEnableInterDevSync(false); });
     this->m_server->addObserver(server.get());
 
-    this->expect(
-        "status, disabled", [&] { server->getCssServerStatus(); }, ">getCssServerStatus");
-    this->expect(
-        "enable", [&] { server->setEnableInterDevSync(true); }, this->step("setEnableInterDevSync"));
-    this->expect(
-        "status", [&] { server->getCssServerStatus(); }, this->step("getCssServerStatus"));
-    this->expect(
-        "register", [&] { (*server.*N::kRegister)(ignoreEvent, server.get()); },
-        this->step("register" + shortName + "EventCallback"));
-    this->expect(
-        "exists", [&] { (*server.*N::kExists)(1); }, this->idTest());
+    this->expect("status, disabled", ">getCssServerStatus", [&] { server->getCssServerStatus(); });
+    this->expect("enable", this->step("setEnableInterDevSync"), [&] { server->setEnableInterDevSync(true); });
+    this->expect("status", this->step("getCssServerStatus"), [&] { server->getCssServerStatus(); });
+    this->expect("register", this->step("register" + shortName + "EventCallback"),
+                 [&] { (*server.*N::kRegister)(ignoreEvent, server.get()); });
+    this->expect("exists", this->idTest(), [&] { (*server.*N::kExists)(1); });
 
     const std::string queued = this->step("queueEvent");
     const std::string added = this->kIsCii ? this->step(this->m_add) : ">" + this->m_add;
-    this->expect(
-        "add", [&] { (*server.*N::kAdd)(1000); }, added);
-    this->expect(
-        "add again", [&] { (*server.*N::kAdd)(1000); }, ">" + this->m_add + (this->kIsCii ? " | !" + this->m_add : ""));
+    this->expect("add", added, [&] { (*server.*N::kAdd)(1000); });
+    this->expect("add again", ">" + this->m_add + (this->kIsCii ? " | !" + this->m_add : ""),
+                 [&] { (*server.*N::kAdd)(1000); });
     const std::string head = ">onNewClient | " + this->idTest() + " | m_maxClientNum = 25 | onNewClient:requrl=";
-    this->expect(
-        "new client", [&] { server->onNewClient(uri.data(), 1); },
-        head + uri + " | " + added + " | " + queued + " | <onNewClient");
-    this->expect(
-        "new client, other", [&] { server->onNewClient(otherUri.data(), 2); }, head + otherUri + " | <onNewClient");
-    this->expect(
-        "new client, again", [&] { server->onNewClient(uri.data(), 1); },
-        ">onNewClient | " + this->idTest() + " | !onNewClient");
-    this->expect(
-        "new client, no URI", [&] { server->onNewClient(nullptr, 3); }, ">onNewClient | !onNewClient");
+    this->expect("new client", head + uri + " | " + added + " | " + queued + " | <onNewClient",
+                 [&] { server->onNewClient(uri.data(), 1); });
+    this->expect("new client, other", head + otherUri + " | <onNewClient",
+                 [&] { server->onNewClient(otherUri.data(), 2); });
+    this->expect("new client, again", ">onNewClient | " + this->idTest() + " | !onNewClient",
+                 [&] { server->onNewClient(uri.data(), 1); });
+    this->expect("new client, no URI", ">onNewClient | !onNewClient", [&] { server->onNewClient(nullptr, 3); });
 
-    this->expect(
-        "message", [&] { server->onMessage(text, 2, 1); },
-        ">onMessage | " + this->idTest() + " | onMessage:msg=hi | " + queued + " | <onMessage");
-    this->expect(
-        "message, stranger", [&] { server->onMessage(text, 2, 55); },
-        ">onMessage | " + this->idTest() + " | !onMessage");
-    this->expect(
-        "message, no data", [&] { server->onMessage(nullptr, 2, 1); }, ">onMessage | !onMessage");
-    this->expect(
-        "leave", [&] { server->onClientLeave(1); },
-        ">onClientLeave | " + this->idTest() + " | " + queued + " | <onClientLeave");
-    this->expect(
-        "leave, stranger", [&] { server->onClientLeave(1); },
-        ">onClientLeave | " + this->idTest() + " | !onClientLeave");
+    this->expect("message", ">onMessage | " + this->idTest() + " | onMessage:msg=hi | " + queued + " | <onMessage",
+                 [&] { server->onMessage(text, 2, 1); });
+    this->expect("message, stranger", ">onMessage | " + this->idTest() + " | !onMessage",
+                 [&] { server->onMessage(text, 2, 55); });
+    this->expect("message, no data", ">onMessage | !onMessage", [&] { server->onMessage(nullptr, 2, 1); });
+    this->expect("leave", ">onClientLeave | " + this->idTest() + " | " + queued + " | <onClientLeave",
+                 [&] { server->onClientLeave(1); });
+    this->expect("leave, stranger", ">onClientLeave | " + this->idTest() + " | !onClientLeave",
+                 [&] { server->onClientLeave(1); });
 
     const std::string remove = this->m_remove;
     const std::string plainEnd = this->kIsCii ? "" : " | <" + remove;
     this->connect(40, "/x");  // client 1 of the registry, which can be closed
     (*server.*N::kAdd)(1);
-    this->expect(
-        "remove", [&] { (*server.*N::kRemove)(1); }, ">" + remove + " | " + this->closing());
-    this->expect(
-        "remove, not there", [&] { (*server.*N::kRemove)(1); }, ">" + remove + plainEnd);
+    this->expect("remove", ">" + remove + " | " + this->closing(), [&] { (*server.*N::kRemove)(1); });
+    this->expect("remove, not there", ">" + remove + plainEnd, [&] { (*server.*N::kRemove)(1); });
     (*server.*N::kRemove)(1000);
     (*server.*N::kAdd)(1);
-    this->expect(
-        "remove all", [&] { (*server.*N::kRemove)(-1); }, ">" + remove + " | " + this->closing() + plainEnd);
-    this->expect(
-        "remove, empty", [&] { (*server.*N::kRemove)(-1); }, ">" + remove + " | !" + remove);
+    this->expect("remove all", ">" + remove + " | " + this->closing() + plainEnd, [&] { (*server.*N::kRemove)(-1); });
+    this->expect("remove, empty", ">" + remove + " | !" + remove, [&] { (*server.*N::kRemove)(-1); });
 
     ZenkCSSEevntInfo info{1, "x"};
     constexpr auto kMessage = static_cast<ZenkCSSEvent>(N::kNew + 1);
-    this->expect(
-        "dispatch", [&] { server->dispatchEventToMS(kMessage, &info); }, this->step("dispatchEventToMS"));
-    this->expect(
-        "unregister", [&] { (*server.*N::kUnregister)(); }, this->step("unRegister" + shortName + "EventCallback"));
-    this->expect(
-        "dispatch, nobody", [&] { server->dispatchEventToMS(kMessage, &info); }, this->step("dispatchEventToMS"));
+    this->expect("dispatch", this->step("dispatchEventToMS"), [&] { server->dispatchEventToMS(kMessage, &info); });
+    this->expect("unregister", this->step("unRegister" + shortName + "EventCallback"),
+                 [&] { (*server.*N::kUnregister)(); });
+    this->expect("dispatch, nobody", this->step("dispatchEventToMS"),
+                 [&] { server->dispatchEventToMS(kMessage, &info); });
 
     for (int id = 100; id < 125; ++id) (*server.*N::kAdd)(id);
-    this->expect(
-        "status, full", [&] { server->getCssServerStatus(); }, ">getCssServerStatus");
-    this->expect(
-        "new client, full", [&] { server->onNewClient(uri.data(), 9); },
-        ">onNewClient | " + this->idTest() + " | m_maxClientNum = 25 | " + shortName +
-            " Client num reach max number, can't connect");
-    this->expect(
-        "disable", [&] { server->setEnableInterDevSync(false); },
-        ">setEnableInterDevSync | " + this->closing() + " | <setEnableInterDevSync");
-    this->expect(
-        "dispatch, disabled", [&] { server->dispatchEventToMS(kMessage, &info); },
-        ">dispatchEventToMS | !dispatchEventToMS");
+    this->expect("status, full", ">getCssServerStatus", [&] { server->getCssServerStatus(); });
+    this->expect("new client, full",
+                 ">onNewClient | " + this->idTest() + " | m_maxClientNum = 25 | " + shortName +
+                     " Client num reach max number, can't connect",
+                 [&] { server->onNewClient(uri.data(), 9); });
+    this->expect("disable", ">setEnableInterDevSync | " + this->closing() + " | <setEnableInterDevSync",
+                 [&] { server->setEnableInterDevSync(false); });
+    this->expect("dispatch, disabled", ">dispatchEventToMS | !dispatchEventToMS",
+                 [&] { server->dispatchEventToMS(kMessage, &info); });
 
     std::string url;
     const std::string f = "getCss" + this->m_word + "Endpoint", builder = this->kIsCii ? "getInterDevSyncUrl" : f;
     const std::string asked = ">" + f + " | >getInstance | <getInstance | >" + builder + " | ";
     const auto endpoint = [&] { (*server.*N::kEndpoint)(url); };
     outside::routes.reset();
-    this->expect("endpoint, no address", endpoint,
-                 asked + ">getLocalIpAddr | !getLocalIpAddr | !" + builder + " | " + f + ":url.c_str()= | <" + f);
+    this->expect("endpoint, no address",
+                 asked + ">getLocalIpAddr | !getLocalIpAddr | !" + builder + " | " + f + ":url.c_str()= | <" + f,
+                 endpoint);
     outside::routes = kRoutes;
     outside::address = "10.11.12.13";
     this->kIsCii ? this->m_server->getInterDevSyncUrl(url) : this->m_server->getCssTsEndpoint(url);
-    this->expect("endpoint", endpoint,
-                 asked + kFound + " | <" + builder + " | " + f + ":url.c_str()=" + url + " | <" + f);
+    this->expect("endpoint", asked + kFound + " | <" + builder + " | " + f + ":url.c_str()=" + url + " | <" + f,
+                 endpoint);
 }
 
 TEST_F(Trace, OfTheDispatcher) {
     std::unique_ptr<ZenkCSSEventDispatcher> dispatcher;
     ZenkDispatcherInfo record{static_cast<ZenkCSSEvent>(6), &record, 1, ""};
-    expect(
-        "built", [&] { dispatcher = std::make_unique<ZenkCSSEventDispatcher>(); },
-        ">ZenkCSSEventDispatcher | >startEventThread | <startEventThread | <ZenkCSSEventDispatcher");
-    expect(
-        "queue", [&] { dispatcher->queueEvent(&record); }, ">queueEvent | <queueEvent");
-    expect(
-        "thread without a dispatcher", [] { cssEventThread(nullptr); }, ">cssEventThread | <cssEventThread");
-    expect(
-        "queue nothing", [&] { dispatcher->queueEvent(nullptr); }, ">queueEvent | !queueEvent");
-    expect(
-        "destroyed", [&] { dispatcher.reset(); }, ">~ZenkCSSEventDispatcher | <~ZenkCSSEventDispatcher");
+    expect("built", ">ZenkCSSEventDispatcher | >startEventThread | <startEventThread | <ZenkCSSEventDispatcher",
+           [&] { dispatcher = std::make_unique<ZenkCSSEventDispatcher>(); });
+    expect("queue", ">queueEvent | <queueEvent", [&] { dispatcher->queueEvent(&record); });
+    expect("thread without a dispatcher", ">cssEventThread | <cssEventThread", [] { cssEventThread(nullptr); });
+    expect("queue nothing", ">queueEvent | !queueEvent", [&] { dispatcher->queueEvent(nullptr); });
+    expect("destroyed", ">~ZenkCSSEventDispatcher | <~ZenkCSSEventDispatcher", [&] { dispatcher.reset(); });
     check("event thread", joined(m_output->take(TraceWords::From::kOtherThreads)),
           ">cssEventThread | >processEvent | !processEvent | <processEvent | <cssEventThread");
-    expect(
-        "built by a server", [&] { ZenkCSSWCServer server; },
-        ">ZenkCSSWCServer | >ZenkCSSEventDispatcher | >startEventThread | <startEventThread | "
-        "<ZenkCSSEventDispatcher | <ZenkCSSWCServer | >~ZenkCSSWCServer | <~ZenkCSSWCServer");
+    expect("built by a server",
+           ">ZenkCSSWCServer | >ZenkCSSEventDispatcher | >startEventThread | <startEventThread | "
+           "<ZenkCSSEventDispatcher | <ZenkCSSWCServer | >~ZenkCSSWCServer | <~ZenkCSSWCServer",
+           [&] { ZenkCSSWCServer server; });
     dispatcher.reset(ZenkCSSEventDispatcher::m_instance);
-    expect(
-        "stop", [&] { dispatcher->stopEventThread(); }, ">stopEventThread | <stopEventThread");
+    expect("stop", ">stopEventThread | <stopEventThread", [&] { dispatcher->stopEventThread(); });
 }
 
 TEST_F(Trace, OfTheWallClockServer) {
@@ -389,16 +345,13 @@ TEST_F(Trace, OfTheWallClockServer) {
     };
     ZenkCSSEventDispatcher dispatcher;
     ZenkCSSWCServer idle;
-    expect(
-        "no port", [&] { idle.startWCServer(); }, ">startWCServer | !startWCServer");
-    expect(
-        "stop, stopped", [&] { idle.stopWCServer(); }, ">stopWCServer | !stopWCServer");
+    expect("no port", ">startWCServer | !startWCServer", [&] { idle.startWCServer(); });
+    expect("stop, stopped", ">stopWCServer | !stopWCServer", [&] { idle.stopWCServer(); });
     ZenkCSSWCServer server(port);
     std::atomic_ref(server.m_enableInterDevSync).store(1);
     const auto refuses = [&](const char* what, const std::string& message) {
         testing::internal::CaptureStderr();
-        expect(
-            what, [&] { server.startWCServer(); }, ">startWCServer | !startWCServer");
+        expect(what, ">startWCServer | !startWCServer", [&] { server.startWCServer(); });
         check(what, testing::internal::GetCapturedStderr(), message);
     };
     {
@@ -417,8 +370,7 @@ TEST_F(Trace, OfTheWallClockServer) {
     ASSERT_TRUE(ask());
     check("answer", joined(m_output->take()),
           "##MS## receive msg from wc client, len=8,msg:question | ##MS## send msg to wc client, len=32");
-    expect(
-        "second start", [&] { server.startWCServer(); }, ">startWCServer | !startWCServer");
+    expect("second start", ">startWCServer | !startWCServer", [&] { server.startWCServer(); });
     client.send(std::string("quitwc\0", 7));
     serving.join();
     check("wake word", joined(m_output->take()), "##MS## receive msg from wc client, len=7,msg:quitwc");

@@ -1,7 +1,8 @@
-#include "tests/trace/outside.h"
+#include "tests/support/outside.h"
 
 #include <arpa/inet.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -31,9 +32,10 @@ int __wrap_socket(int family, int type, int protocol) {
     return -1;
 }
 
-// The library makes no other request than SIOCGIFADDR.
-int __wrap_ioctl(int /*fd*/, unsigned long /*request*/, ifreq* interface) {
+int __wrap_ioctl(int /*fd*/, unsigned long request, ifreq* interface) {
     sockaddr_in address{};
+    outside::interface.assign(interface->ifr_name, strnlen(interface->ifr_name, sizeof interface->ifr_name));
+    if (request != SIOCGIFADDR || interface->ifr_addr.sa_family != AF_INET) return -1;
     if (inet_pton(AF_INET, outside::address.c_str(), &address.sin_addr) != 1) return -1;
     std::memcpy(&interface->ifr_addr, &address, sizeof address);
     return 0;

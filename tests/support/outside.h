@@ -11,5 +11,6 @@ inline std::atomic<bool> noSockets = false;     ///< socket() fails
 inline std::atomic<bool> receiveFails = false;  ///< recvfrom() fails
 inline std::optional<std::string> routes;       ///< the route table; none: it cannot be opened. Test's thread only
 inline std::string address;                     ///< of every interface; empty: there is none. Test's thread only
+inline std::string interface;                   ///< whose address was asked for last. Test's thread only
 
 }  // namespace outside
