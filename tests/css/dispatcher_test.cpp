@@ -7,7 +7,6 @@
 #include <optional>
 #include <stdexcept>
 
-#include "tests/css/clients.h"
 #include "tests/css/css_host.h"
 #include "tests/support/sanitizer.h"
 
@@ -32,7 +31,7 @@ void run(ZenkCSSEvent, ZenkCSSEevntInfo* info, void const* action) {
     (*static_cast<const Action*>(action))(info->clientId);
 }
 
-class Dispatcher : public testing::Test {
+class Dispatcher : public Clients {
 protected:
     Dispatcher() {
         setenv("VEL_CONFIG_FILE", "/nowhere", 1);
@@ -50,10 +49,12 @@ protected:
         EXPECT_TRUE(waitUntil([] { return eventThreads() == 0; }));
     }
 
+    using Holds = std::vector<Hold>;
+
     static ZenkCSSEventDispatcher* dispatcher() { return std::atomic_ref(ZenkCSSEventDispatcher::m_instance).load(); }
 
-    static void queue(unsigned event, void* server, int clientId, std::string message = {}) {
-        ZenkDispatcherInfo record{static_cast<ZenkCSSEvent>(event), server, clientId, std::move(message)};
+    static void queue(unsigned event, void* css, int clientId, std::string message = {}) {
+        ZenkDispatcherInfo record{static_cast<ZenkCSSEvent>(event), css, clientId, std::move(message)};
         dispatcher()->queueEvent(&record);
         record = {static_cast<ZenkCSSEvent>(99), nullptr, -99, "overwritten"};
     }
@@ -74,9 +75,9 @@ TEST_F(Dispatcher, DeliversBothServersEventsInQueueOrderWithTheirOwnBytes) {
     using namespace std::string_literals;
     EXPECT_EQ(eventThreads(), 1);
     for (const unsigned event : {5u, 0u, 3u, 1u, 4u, 2u}) {
-        void* const server = event <= 2 ? static_cast<void*>(m_cii.get()) : m_ts.get();
-        queue(event, server, static_cast<int>(event) + 10, event == 4 ? "a\0b\0"s : "");
-        queue(6, server, 1);       // no such event
+        void* const css = event <= 2 ? static_cast<void*>(m_cii.get()) : m_ts.get();
+        queue(event, css, static_cast<int>(event) + 10, event == 4 ? "a\0b\0"s : "");
+        queue(6, css, 1);          // no such event
         queue(event, nullptr, 1);  // nobody's event
         dispatcher()->queueEvent(nullptr);
     }
@@ -164,12 +165,12 @@ TEST_F(Dispatcher, SurvivesCallbacksThatThrowOrEndTheirThread) {
 TEST_F(Dispatcher, KeepsEventsWhenTheSystemGivesNoThread) {
     delete dispatcher();
     g_refusesThreads = true;
-    ZenkCSSCIIServer server;
+    ZenkCSSCIIServer css;
     g_refusesThreads = false;
     ASSERT_NE(dispatcher(), nullptr);
-    server.registerCIIEventCallback(Host::note, &m_host);
-    server.setEnableInterDevSync(true);
-    queue(1, &server, 1);
+    css.registerCIIEventCallback(Host::note, &m_host);
+    css.setEnableInterDevSync(true);
+    queue(1, &css, 1);
     dispatcher()->stopEventThread();
     dispatcher()->startEventThread();
     EXPECT_EQ(m_host.take(1), (std::vector<Event>{{1, 1, ""}}));
@@ -223,15 +224,15 @@ TEST_F(Dispatcher, ServerDestructionWaitsForItsCallbackAndTakesItsRecordsAlong) 
         door.pass();
         finished = true;
     });
-    std::optional<ZenkCSSCIIServer> server;
-    server.emplace();
+    std::optional<ZenkCSSCIIServer> css;
+    css.emplace();
     queue(4, m_ts.get(), 1);
     ASSERT_TRUE(entered.pass());
-    queue(1, &*server, 2, "for the dead");
-    server.emplace();  // at the same place; the destructor waits for no foreign callback
-    server->registerCIIEventCallback(Host::note, &m_host);
-    server->setEnableInterDevSync(true);
-    queue(1, &*server, 3, "for the living");
+    queue(1, &*css, 2, "for the dead");
+    css.emplace();  // at the same place; the destructor waits for no foreign callback
+    css->registerCIIEventCallback(Host::note, &m_host);
+    css->setEnableInterDevSync(true);
+    queue(1, &*css, 3, "for the living");
     std::thread opener([&] { door.open(); });
     m_ts.reset();
     EXPECT_TRUE(finished);
@@ -241,25 +242,25 @@ TEST_F(Dispatcher, ServerDestructionWaitsForItsCallbackAndTakesItsRecordsAlong) 
 
 // A host that takes nothing: who floods is held once, at 4 MiB, and resumed when half of that has been delivered.
 TEST_F(Dispatcher, HoldsAClientThatIsAheadOfTheHostAndDropsNothing) {
-    using Holds = std::vector<clients::Hold>;
+    const int flooding = newClient("/x"), other = newClient("/x");
     Door entered, door;
     int delivered = 0;
     onTs([&](int clientId) {
-        if (clientId != 7) return;
+        if (clientId != flooding) return;
         if (++delivered == 1) entered.open();
         if (delivered == 1) door.pass();
     });
     constexpr int kMessages = 100;
     const std::string message(100'000, 'm');
-    queue(4, m_ts.get(), 7, message);
+    queue(4, m_ts.get(), flooding, message);
     ASSERT_TRUE(entered.pass());
-    for (int i = 1; i <= 41; ++i) queue(4, m_ts.get(), 7, message);
-    EXPECT_EQ(clients::takeHolds(), Holds{}) << "a little below the mark";
-    for (int i = 42; i < kMessages; ++i) queue(4, m_ts.get(), 7, message);
-    queue(4, m_ts.get(), 8, message);
-    EXPECT_EQ(clients::takeHolds(), (Holds{{7, true}}));
+    for (int i = 1; i <= 41; ++i) queue(4, m_ts.get(), flooding, message);
+    EXPECT_EQ(takeHolds(), Holds{}) << "a little below the mark";
+    for (int i = 42; i < kMessages; ++i) queue(4, m_ts.get(), flooding, message);
+    queue(4, m_ts.get(), other, message);
+    EXPECT_EQ(takeHolds(), (Holds{{flooding, true}}));
     door.open();
-    ASSERT_TRUE(waitUntil([] { return clients::takeHolds() == Holds{{7, false}}; }));
+    ASSERT_TRUE(waitUntil([&] { return takeHolds() == Holds{{flooding, false}}; }));
     ASSERT_TRUE(m_cii && waitUntil([&] {
                     queue(2, m_cii.get(), 1);
                     return !m_host.take(1).empty();
@@ -271,36 +272,37 @@ TEST_F(Dispatcher, HoldsWhoeverSendsWhenAllTogetherAreAhead) {
     dispatcher()->stopEventThread();
     ASSERT_TRUE(waitUntil([] { return eventThreads() == 0; }));
     const std::string message(1'000'000, 'm');
-    int id = 100;
-    while (clients::takeHolds().empty()) queue(4, m_ts.get(), ++id, message);  // each id below its own mark
-    EXPECT_EQ(id, 168) << "64 MiB";
-    queue(4, m_ts.get(), 101);
-    EXPECT_EQ(clients::takeHolds(), (std::vector<clients::Hold>{{101, true}}));
+    int id = 0;
+    while (takeHolds().empty()) queue(4, m_ts.get(), id = newClient("/x"), message);  // each below its own mark
+    EXPECT_EQ(id, 68) << "64 MiB";
+    queue(4, m_ts.get(), 1);
+    EXPECT_EQ(takeHolds(), (Holds{{1, true}}));
     dispatcher()->startEventThread();
-    std::vector<clients::Hold> resumed;
+    Holds resumed;
     ASSERT_TRUE(waitUntil([&] {
-        for (const clients::Hold& hold : clients::takeHolds()) resumed.push_back(hold);
+        for (const Hold& hold : takeHolds()) resumed.push_back(hold);
         return resumed.size() == 2;
     }));
     std::sort(resumed.begin(), resumed.end());
-    EXPECT_EQ(resumed, (std::vector<clients::Hold>{{101, false}, {168, false}}));
+    EXPECT_EQ(resumed, (Holds{{1, false}, {68, false}}));
 }
 
 // Nobody stays held for a message that will never be delivered.
 TEST_F(Dispatcher, ResumesItsClientsWhenAServerOrTheDispatcherGoes) {
     const std::string message(5'000'000, 'm');
+    const int id = newClient("/x");
     for (const bool isServerFirst : {true, false}) {
         dispatcher()->stopEventThread();
         ASSERT_TRUE(waitUntil([] { return eventThreads() == 0; }));
-        auto server = std::make_unique<ZenkCSSCIIServer>();
-        queue(1, server.get(), 7, message);
-        EXPECT_EQ(clients::takeHolds(), (std::vector<clients::Hold>{{7, true}}));
+        auto css = std::make_unique<ZenkCSSCIIServer>();
+        queue(1, css.get(), id, message);
+        EXPECT_EQ(takeHolds(), (Holds{{id, true}}));
         if (isServerFirst) {
-            server.reset();
+            css.reset();
         } else {
             delete dispatcher();
         }
-        EXPECT_EQ(clients::takeHolds(), (std::vector<clients::Hold>{{7, false}}));
+        EXPECT_EQ(takeHolds(), (Holds{{id, false}}));
     }
 }
 
@@ -317,12 +319,12 @@ TEST_F(Dispatcher, EverythingMayGoInAnyOrderUnderLoad) {
         ts->registerTSEventCallback(run, &count);
         cii->setEnableInterDevSync(true);
         ts->setEnableInterDevSync(true);
-        MediaSyncServer::getInstance()->addObserver(cii.get());
-        MediaSyncServer::getInstance()->addObserver(ts.get());
-        const int id = clients::connect("/css-cii/css-ts");
+        server.addObserver(cii.get());
+        server.addObserver(ts.get());
+        lws* const both = client(newClient("/css-cii/css-ts"));
         std::atomic<bool> isOver = false;
         std::thread service([&] {
-            while (!isOver) clients::send(id, "message");
+            while (!isOver) message(both, "message");
         });
         ASSERT_TRUE(waitUntil([&] { return delivered > 100; }));
         const std::array<std::function<void()>, 3> ends{[&] { cii.reset(); }, [&] { ts.reset(); },

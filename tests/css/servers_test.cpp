@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 
-#include "tests/css/clients.h"
 #include "tests/css/css_host.h"
 #include "tests/support/config_file.h"
 #include "tests/support/css_kinds.h"
@@ -14,14 +13,13 @@ using zenk_test::Cii;
 using zenk_test::Ts;
 
 template <typename Kind>
-class CssServer : public testing::Test {
+class CssServer : public Clients {
 protected:
     using Server = typename Kind::Server;
 
     ~CssServer() override {
         m_server.reset();
         delete ZenkCSSEventDispatcher::m_instance;
-        clients::takeClosed();
     }
 
     // Builds the server as a host does. @return what that printed
@@ -31,7 +29,7 @@ protected:
         testing::internal::CaptureStdout();
         m_server = std::make_unique<Server>();
         const std::string printed = testing::internal::GetCapturedStdout();
-        MediaSyncServer::getInstance()->addObserver(m_server.get());
+        server.addObserver(m_server.get());
         (*m_server.*Kind::kRegister)(Host::note, &m_host);
         m_server->setEnableInterDevSync(true);
         return printed;
@@ -82,18 +80,16 @@ TYPED_TEST(CssServer, TellsTheHostOfItsOwnClientsOnly) {
     const std::string uri = TypeParam::kUri;
     constexpr unsigned kNew = TypeParam::kNew;
     this->build("3");
-    const int first = clients::connect("/x" + uri + "y?z");
-    const int stranger = clients::connect("/css-");
-    const int second = clients::connect(uri + "/token/");
+    const int first = this->newClient("/x" + uri + "y?z");
+    const int stranger = this->newClient("/css-");
+    const int second = this->newClient(uri + "/token/");
     this->m_server->onNewClient(nullptr, 77);
-    clients::send(first, std::string("a\0b", 3));
-    clients::send(stranger, "not for us");
-    clients::send(second, "");
+    this->message(this->client(first), std::string("a\0b", 3));
+    this->message(this->client(stranger), "not for us");
+    this->message(this->client(second), "");
     this->m_server->onMessage(nullptr, 1, second);
-    clients::leave(stranger);
-    clients::leave(first);
-    clients::leave(first);
-    clients::send(first, "from beyond");
+    this->close(this->client(stranger));
+    this->close(this->client(first));
     EXPECT_EQ(this->events(), (std::vector<Event>{{kNew, first, ""},
                                                   {kNew, second, ""},
                                                   {kNew + 1, first, std::string("a\0b", 3)},
@@ -105,22 +101,15 @@ TYPED_TEST(CssServer, TellsTheHostOfItsOwnClientsOnly) {
 
 TYPED_TEST(CssServer, TurnsClientsAwayAtTheLimitUntilOneLeaves) {
     const std::string uri = TypeParam::kUri;
-    const std::string limitLine = "m_maxClientNum = 1\n";
     this->build("1");
-    testing::internal::CaptureStdout();
-    const int first = clients::connect(uri);
-    const int tooMuch = clients::connect(uri);
-    clients::connect("/other");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              limitLine + limitLine + TypeParam::kName + " Client num reach max number, can't connect\n" + limitLine +
-                  TypeParam::kName + " Client num reach max number, can't connect\n");
+    const int first = this->newClient(uri), tooMuch = this->newClient(uri);
     EXPECT_EQ(this->exists(tooMuch), 0);
-    clients::leave(first);
+    this->close(this->client(first));
     EXPECT_EQ(this->m_server->getCssServerStatus(), 0);
-    const int next = clients::connect(uri);
+    const int next = this->newClient(uri);
     EXPECT_EQ(this->exists(next), 1);
     EXPECT_EQ(this->events().size(), 3U);
-    EXPECT_TRUE(clients::takeClosed().empty());
+    EXPECT_TRUE(this->takeClosed().empty());
 }
 
 TYPED_TEST(CssServer, RemovesAndClosesClients) {
@@ -128,30 +117,30 @@ TYPED_TEST(CssServer, RemovesAndClosesClients) {
     this->build("5");
     EXPECT_EQ(this->remove(-1), 0);
     std::vector<int> ids;
-    for (int i = 0; i < 3; ++i) ids.push_back(clients::connect(uri));
-    const int stranger = clients::connect("/other");
+    for (int i = 0; i < 3; ++i) ids.push_back(this->newClient(uri));
+    const int stranger = this->newClient("/other");
     EXPECT_EQ(this->remove(stranger), 0);
-    EXPECT_TRUE(clients::takeClosed().empty());
+    EXPECT_TRUE(this->takeClosed().empty());
     EXPECT_EQ(this->remove(ids[1]), 1);
     EXPECT_EQ(this->remove(ids[1]), 0);
-    EXPECT_EQ(clients::takeClosed(), (std::vector<int>{ids[1]}));
+    EXPECT_EQ(this->takeClosed(), (std::vector<int>{ids[1]}));
     this->events();
-    clients::leave(ids[1]);
+    this->close(this->client(ids[1]));
     EXPECT_EQ(this->remove(-1), 0);
-    EXPECT_EQ(clients::takeClosed(), (std::vector<int>{ids[0], ids[2]}));
-    clients::leave(ids[0]);
-    clients::leave(ids[2]);
+    EXPECT_EQ(this->takeClosed(), (std::vector<int>{ids[0], ids[2]}));
+    this->close(this->client(ids[0]));
+    this->close(this->client(ids[2]));
     EXPECT_TRUE(this->events().empty());
 
-    const int last = clients::connect(uri);
+    const int last = this->newClient(uri);
     this->m_server->setEnableInterDevSync(true);
-    EXPECT_TRUE(clients::takeClosed().empty());
+    EXPECT_TRUE(this->takeClosed().empty());
     this->m_server->setEnableInterDevSync(false);
-    const std::vector<int> closed = clients::takeClosed();
+    const std::vector<int> closed = this->takeClosed();
     EXPECT_TRUE(std::ranges::count(closed, stranger) == 1 && std::ranges::count(closed, last) == 1);
     EXPECT_EQ(this->exists(last), 0);
-    clients::leave(stranger);
-    clients::leave(last);
+    this->close(this->client(stranger));
+    this->close(this->client(last));
 }
 
 TYPED_TEST(CssServer, DeliversByTheFlagAndTheCallbackOfTheMoment) {
@@ -192,7 +181,7 @@ TYPED_TEST(CssServer, UnregisteringWaitsForTheCallback) {
             running.finished = true;
         },
         &call);
-    clients::connect(TypeParam::kUri);
+    this->newClient(TypeParam::kUri);
     ASSERT_TRUE(call.entered.pass());
     std::thread opener([&] { call.door.open(); });
     (*this->m_server.*TypeParam::kUnregister)();
@@ -200,27 +189,18 @@ TYPED_TEST(CssServer, UnregisteringWaitsForTheCallback) {
     opener.join();
 }
 
-TYPED_TEST(CssServer, GivesItsEndpointInEveryState) {
-    typename TypeParam::Server server;
-    std::string endpoint = "old";
-    (server.*TypeParam::kEndpoint)(endpoint);
-    EXPECT_EQ(endpoint, "ws://host/");
-    clients::url = "";
-    (server.*TypeParam::kEndpoint)(endpoint);
-    EXPECT_EQ(endpoint, "");
-    clients::url = "ws://host/";
-}
+using CssServers = Clients;
 
-TEST(CssServers, ShareAClientButNotTheirCounts) {
+TEST_F(CssServers, ShareAClientButNotTheirCounts) {
     setenv("VEL_CONFIG_FILE", "/nowhere", 1);
     ZenkCSSCIIServer cii;
     ZenkCSSTSServer ts;
     EXPECT_EQ(cii.removeCiiClientId(1), 0);
     ts.setEnableInterDevSync(false);  // before addObserver(): nobody to close
-    MediaSyncServer::getInstance()->addObserver(&cii);
-    MediaSyncServer::getInstance()->addObserver(&ts);
-    for (int i = 0; i < 24; ++i) clients::connect("/css-cii");
-    const int both = clients::connect("/css-ts/css-cii");
+    server.addObserver(&cii);
+    server.addObserver(&ts);
+    for (int i = 0; i < 24; ++i) newClient("/css-cii");
+    const int both = newClient("/css-ts/css-cii");
     cii.setEnableInterDevSync(true);
     ts.setEnableInterDevSync(true);
     EXPECT_EQ(cii.getCssServerStatus(), 2);

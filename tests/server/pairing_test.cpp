@@ -4,8 +4,8 @@
 #include <random>
 #include <utility>
 
-#include "tests/server/front_end.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/front_end.h"
 #include "tests/support/plain_pairing.h"
 #include "wsserver/paired_apps.h"
 

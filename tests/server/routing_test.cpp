@@ -8,7 +8,7 @@
 #include <memory>
 #include <thread>
 
-#include "tests/server/front_end.h"
+#include "tests/support/front_end.h"
 #include "wsserver/client_ids.h"
 
 namespace {

@@ -203,9 +203,9 @@ TEST_F(ServiceTest, SendsTheLastFragmentBackWhenWriteable) {
     receive("c", true, true);
     EXPECT_EQ(raise(11), 0);
     const std::vector<Action> expected{{Action::kWrite, wsi, 1 | 64, "ab"},
-                                       {Action::kReceptionOn, wsi, 1, ""},
+                                       {Action::kReception, wsi, 1, ""},
                                        {Action::kWrite, wsi, 2, std::string(1, '\0')},
-                                       {Action::kReceptionOn, wsi, 1, ""}};
+                                       {Action::kReception, wsi, 1, ""}};
     EXPECT_EQ(zenk_test::takeActions(), expected);
     EXPECT_EQ(session->tx, 3u);
     EXPECT_EQ(session->continuation, 0);

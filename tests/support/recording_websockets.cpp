@@ -136,7 +136,7 @@ int lws_close(::lws* wsi, int status) {
 
 int lws_rx_flow_control(::lws* wsi, int enable) {
     const Lock lock(g_mutex);
-    if (enable != 0) record(zenk_test::Action::kReceptionOn, wsi, enable);
+    record(zenk_test::Action::kReception, wsi, enable);
     return 0;
 }
 

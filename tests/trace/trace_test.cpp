@@ -290,10 +290,12 @@ TYPED_TEST(CssTrace, OfTheServer) {
 
     for (int id = 100; id < 125; ++id) (*server.*N::kAdd)(id);
     this->expect("status, full", ">getCssServerStatus", [&] { server->getCssServerStatus(); });
-    this->expect("new client, full",
-                 ">onNewClient | " + this->idTest() + " | m_maxClientNum = 25 | " + shortName +
-                     " Client num reach max number, can't connect",
-                 [&] { server->onNewClient(uri.data(), 9); });
+    for (std::string* any : {&uri, &otherUri}) {
+        this->expect("new client, full",
+                     ">onNewClient | " + this->idTest() + " | m_maxClientNum = 25 | " + shortName +
+                         " Client num reach max number, can't connect",
+                     [&] { server->onNewClient(any->data(), 9); });
+    }
     this->expect("disable", ">setEnableInterDevSync | " + this->closing() + " | <setEnableInterDevSync",
                  [&] { server->setEnableInterDevSync(false); });
     this->expect("dispatch, disabled", ">dispatchEventToMS | !dispatchEventToMS",
