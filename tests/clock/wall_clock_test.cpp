@@ -98,12 +98,6 @@ TEST(WallClock, ATickThatTellsNothingCountsAsTheSystemsResolution) {
     EXPECT_EQ(clock.CountPrecision(), 0);
 }
 
-std::array<char, 32> sequentialBytes() {
-    std::array<char, 32> wire;
-    for (std::size_t i = 0; i < wire.size(); ++i) wire[i] = static_cast<char>(0xE0 + 9 * i);
-    return wire;
-}
-
 TEST(WCMessage, HasTheBytesOfTheStandard) {
     ZenkWallClock clock;
     ZenkWCMessage message{0, 1, -19, 0, 500, 0x01020304, 0x05060708, 0xFFFFFFFF, 999'999'999, 5, 6};
@@ -118,32 +112,22 @@ TEST(WCMessage, HasTheBytesOfTheStandard) {
 
 TEST(WCMessage, ComesBackByteForByteWhateverTheLengthSays) {
     ZenkWallClock clock;
-    std::array<char, 32> wire = sequentialBytes();
-    for (const int length : {0, 32, -1}) {
+    std::array<char, 32> wire, again;
+    for (std::size_t i = 0; i < wire.size(); ++i) wire[i] = static_cast<char>(0xE0 + 9 * i);
+    for (int length : {0, 32, -1}) {
         ZenkWCMessage message{};
-        std::array<char, 32> again{};
-        int encoded = 0;
+        message.version = 0x12345678;
         ASSERT_EQ(clock.StringToZenkWCMessage(wire.data(), length, &message), 0);
-        ASSERT_EQ(clock.ZenkWCMessageToString(&message, again.data(), &encoded), 0);
+        EXPECT_EQ(message.version, 0x123456E0) << "the upper bits of a byte field stay";
+        EXPECT_EQ(message.precision, 0xF2);
+        ASSERT_EQ(clock.ZenkWCMessageToString(&message, again.data(), &length), 0);
         EXPECT_EQ(again, wire);
     }
 }
 
-TEST(WCMessage, DecodingKeepsTheUpperBitsOfTheByteFields) {
-    ZenkWallClock clock;
-    char wire[32] = {};
-    wire[2] = static_cast<char>(0xED);
-    ZenkWCMessage message{};
-    message.version = 0x12345678;
-    clock.StringToZenkWCMessage(wire, 32, &message);
-    EXPECT_EQ(message.version, 0x12345600);
-    EXPECT_EQ(message.precision, 237);
-}
-
 TEST(WCMessage, NullPointersAreRefusedWithNothingWritten) {
     ZenkWallClock clock;
-    ZenkWCMessage message{};
-    message.version = 77;
+    ZenkWCMessage message{77, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     char wire[32] = {};
     int length = -5;
     EXPECT_EQ(clock.ZenkWCMessageToString(nullptr, wire, &length), -1);

@@ -111,7 +111,7 @@ private:
         m_peers.push_back({wsi, *fd, ++m_lastId, uri});
         if (!isPairing) {
             m_expectedNotes.push_back(note("new ", m_lastId, uri));
-        } else if (*fd != 0) {
+        } else {
             const std::size_t token = uri.find("/hbbtv/") + 7;
             const std::size_t endpoint = std::min(uri.find('/', token), uri.size());
             m_plain.connect(uri.substr(endpoint == uri.size() ? token : endpoint), uri[1] == 'r' ? 1 : 0, *fd, wsi);
@@ -184,7 +184,7 @@ private:
     FuzzInput m_input;
     MediaSyncServer m_server;
     Listener m_listener;
-    zenk_test::PlainPairing m_plain{.isEnabled = false};
+    zenk_test::PlainPairing m_plain{{}, {}, false};
     std::vector<Peer> m_peers;
     int m_lastId = 0;
     Notes m_expectedNotes;

@@ -2,7 +2,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <filesystem>
@@ -13,16 +12,11 @@
 
 #include "log/zenk_log.h"
 #include "tests/log/own_network.h"
-#include "tests/support/captured_output.h"
 #include "tests/support/net_util.h"
 
 namespace {
 
-using zenk_test::CapturedOutput;
 using Clock = std::chrono::steady_clock;
-using namespace std::string_literals;
-
-constexpr char kClear[] = "__CLIEAR_LOG_MODULES__";
 
 // The peer of this process's control thread, which starts once and never ends.
 class LogControl : public testing::Test {
@@ -51,16 +45,6 @@ protected:
         const ssize_t length =
             recvfrom(s_socket.fd(), bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&s_sender), &size);
         return length < 0 ? "nothing came" : std::string(bytes.data(), static_cast<std::size_t>(length));
-    }
-
-    static void send(const std::string& datagram) {
-        sendto(s_socket.fd(), datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&s_sender),
-               sizeof s_sender);
-    }
-
-    static std::string command(std::string text, unsigned char level) {
-        text.resize(1024);
-        return text + static_cast<char>(level);
     }
 
     inline static zenk_test::Socket s_socket{-1};
@@ -95,39 +79,4 @@ TEST_F(LogControl, ReportsOnceASecondFromOneThreadThatTakesNoSignals) {
     EXPECT_EQ(zenk_log_finalize(0) + zenk_log_finalize(1), 0);
     EXPECT_EQ(zenk_log_finalize(2), -1);
     EXPECT_EQ(nextReport(), "");
-}
-
-// All are sent at once: one is taken per cycle, in their order.
-TEST_F(LogControl, TakesOneCommandOfAnyLengthPerCycle) {
-    CapturedOutput output;
-    const struct {
-        std::string datagram;
-        std::string report;
-    } cycles[] = {
-        {command("b|PLUGIN|a", 1), "PLUGIN|a|b"},
-        {"a", "PLUGIN|b"},  // no level byte: removes
-        {"", "PLUGIN|b"},   // uses up a cycle
-        {command("\0|c"s, 1), "PLUGIN|b"},
-        {command("c\0|d"s, 255) + "beyond", "PLUGIN|b|c"},
-        {"PLUGIN\0"s, "b|c"},
-        {command(kClear + "|PLUGIN"s, 1), "PLUGIN|" + std::string(kClear) + "|b|c"},
-        {command(kClear, 200), ""},
-        {command("PLUGIN|" + std::string(1017, 'x'), 'x'), "PLUGIN"},  // no zero byte before or in the level byte
-    };
-    for (const auto& cycle : cycles) send(cycle.datagram);
-    for (const auto& cycle : cycles) ASSERT_EQ(nextReport(), cycle.report);
-    EXPECT_EQ(output.take(), "module:" + std::string(1017, 'x') + " set error, length is 1017, out of max length:32\n");
-    EXPECT_EQ(zenk_log_getLevel("PLUGIN"), 1);
-    const std::string last = cycles[std::size(cycles) - 1].datagram;
-    EXPECT_TRUE(std::equal(last.begin(), last.end(), std::begin(g_modules_info), std::end(g_modules_info)));
-}
-
-TEST_F(LogControl, TurnsAModuleUpAndClearsWhatWasLeftOfALongerCommand) {
-    send(command("PLUGIN", 1));
-    send("x");
-    ASSERT_EQ(nextReport(), "PLUGIN");
-    EXPECT_EQ(zenk_log_getLevel("PLUGIN"), 2);
-    ASSERT_EQ(nextReport(), "PLUGIN");
-    get_modules_list(nullptr);  // orders the control thread's writes before the look at its array
-    EXPECT_EQ(std::string(g_modules_info, sizeof g_modules_info), command("x", 0));
 }

@@ -101,33 +101,6 @@ TEST_F(Layer, RelaysEverySizeBothWaysInOrder) {
     }
 }
 
-TEST_F(Layer, ChecksTextAndClosesWith1007) {
-    serve();
-    const std::string bad[] = {
-        clientFrame(0x81, "\xFF"),
-        clientFrame(0x81, "good \xE2\x82"),
-        clientFrame(0x01, "\xE2\x82") + clientFrame(0x80, ""),
-        clientFrame(0x01, "\xE2\x82") + clientFrame(0x80, "x"),
-    };
-    for (const std::string& frames : bad) {
-        RawClient client;
-        ASSERT_TRUE(client.upgrade(m_port, "/l/a"));
-        ASSERT_TRUE(client.send(frames + clientFrame(0x81, "behind")));
-        EXPECT_EQ(client.receive(4), "\x88\x02\x03\xEF"sv);
-        client.close();
-    }
-    EXPECT_EQ(m_server->counts().finalFragments, 0) << "a bad message was finished, or one behind it delivered";
-
-    RawClient left, right;
-    ASSERT_TRUE(left.upgrade(m_port, "/l/b"));
-    ASSERT_TRUE(right.upgrade(m_port, "/r/b"));
-    connectionOf("/r/b");
-    // A sequence may be split over frames, with a control frame between them; binary and PONG payloads are free.
-    ASSERT_TRUE(left.send(clientFrame(0x01, "\xE2\x82") + clientFrame(0x8A, "\xFF") + clientFrame(0x80, "\xAC") +
-                          clientFrame(0x82, "\xFF")));
-    EXPECT_EQ(right.receive(8), "\x81\x03\xE2\x82\xAC\x82\x01\xFF"sv);
-}
-
 TEST_F(Layer, ClosesWithTheFirstStatusAfterWhatIsQueued) {
     serve();
     for (const bool isOnServiceThread : {false, true}) {

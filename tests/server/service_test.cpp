@@ -164,16 +164,6 @@ TEST_F(ServiceTest, CutsOverlongMessagesAndReportsTheLimit) {
     EXPECT_TRUE(isAtRest());
     const std::string line = "#####, receive max length playload data!\n";
     EXPECT_EQ(testing::internal::GetCapturedStdout(), line + line);
-
-    receive(full.substr(2) + "\xE2\x82\xAC", true);
-    EXPECT_EQ(client.last, full.substr(2)) << "a text ends with a whole character";
-    EXPECT_EQ(client.byteBehind, 0);
-    EXPECT_TRUE(isAtRest());
-    receive(full.substr(2) + "\xE2\x82\xAC", false);
-    receive("", true);
-    EXPECT_EQ(client.last, full.substr(2)) << "also when an empty fragment ends it";
-    receive("next", true);
-    EXPECT_EQ(client.last, "next");
 }
 
 TEST(Utf8Cut, KeepsWholeCharactersOnly) {

@@ -30,6 +30,7 @@ struct PlainPairing {
     bool isEnabled = true;
 
     void connect(const std::string& endpoint, int side, int fd, lws* wsi) {
+        if (fd == 0) return;  // stands for an absent side
         for (Record& r : list) {
             if (r.endpoint != endpoint || r.isPaired || r.fd[1 - side] == 0 || r.wsi[1 - side] == nullptr) continue;
             r.isPaired = true;
@@ -45,7 +46,7 @@ struct PlainPairing {
         r.wsi[side] = wsi;
     }
     std::vector<Record>::iterator find(int fd) {
-        if (fd == 0) return list.end();  // stands for an absent side
+        if (fd == 0) return list.end();
         return std::find_if(list.begin(), list.end(), [fd](Record& r) { return r.fd[0] == fd || r.fd[1] == fd; });
     }
     int message(int fd, const std::string& bytes, bool binary) {
