@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "tests/faults/failing_allocations.h"
-#include "tests/faults/pair.h"
+#include "tests/support/pair.h"
 #include "wsserver/websocket_service.h"
 #include "wsserver/zenk_dvbCss.h"
 

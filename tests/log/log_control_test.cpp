@@ -35,7 +35,7 @@ protected:
     // Waits for the beginning of a cycle: what is sent next is taken in the order of sending, from this cycle on.
     void SetUp() override {
         clear_modules_list();
-        while (nextReport() != "") {
+        while (!nextReport().empty()) {
         }
     }
 
