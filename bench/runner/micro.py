@@ -5,6 +5,7 @@ Those on Google Benchmark are asked for its JSON; others print text, from which 
 
 import json
 import re
+import statistics
 import subprocess
 from dataclasses import dataclass
 from pathlib import Path
@@ -17,16 +18,17 @@ NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 @dataclass(frozen=True)
 class GoogleFigure:
-    """Nanoseconds per turn of the first benchmark whose name matches."""
+    """Nanoseconds per turn of the benchmark whose name matches, the median of its repetitions."""
 
     pattern: str
 
     def read(self, output: dict):
-        for benchmark in output["benchmarks"]:
-            if re.search(self.pattern, benchmark["name"]) and not benchmark.get("error_occurred"):
-                # Processor time: what a neighbour on the machine takes is none of ours.
-                return benchmark["cpu_time"] * NANOSECONDS[benchmark["time_unit"]]
-        return None
+        # Processor time: what a neighbour on the machine takes is none of ours.
+        times = [benchmark["cpu_time"] * NANOSECONDS[benchmark["time_unit"]]
+                 for benchmark in output["benchmarks"]
+                 if re.search(self.pattern, benchmark["name"]) and benchmark.get("run_type", "iteration") == "iteration"
+                 and not benchmark.get("error_occurred")]
+        return statistics.median(times) if times else None
 
 
 @dataclass(frozen=True)
@@ -55,6 +57,8 @@ class Program:
         words = [str(build / self.name), *(self.quick_arguments if quick else ())]
         if self.is_google:
             words += [f"--benchmark_out={results}", "--benchmark_out_format=json"]
+            if not quick:
+                words += ["--benchmark_repetitions=5"]
         # To a file, as everywhere here: what is measured may log.
         with open(output, "wb") as file:
             done = subprocess.run(words, cwd=folder, stdin=subprocess.DEVNULL, stdout=file, stderr=subprocess.PIPE,
