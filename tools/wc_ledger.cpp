@@ -45,7 +45,7 @@ std::optional<WCCandidate> readCandidate(std::span<const std::uint8_t> reply, st
     const auto receive = readTimeNs(reply, kReceive);
     const auto transmit = readTimeNs(reply, kTransmit);
     if (!receive || !transmit) return std::nullopt;
-    const int precision = static_cast<std::int8_t>(reply[kPrecision]);
+    const int precision = static_cast<std::int8_t>(reply[kPrecision]);  // NOLINT(bugprone-signed-char-misuse): a number
     const WCCandidate candidate{sentNs, *receive, *transmit, nowNs, precision, readBe32(reply, kFreqError)};
     if (roundTripNs(candidate) < 0) return std::nullopt;
     return candidate;

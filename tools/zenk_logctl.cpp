@@ -168,7 +168,7 @@ std::optional<Report> waitForReport(ReportPort& port, Clock::duration time, cons
     const Progress progress(what);
     const auto deadline = Clock::now() + time;
     do {
-        const auto report = port.receive(std::min(deadline, Clock::now() + 250ms));
+        auto report = port.receive(std::min(deadline, Clock::now() + 250ms));
         if (report && isAccepted(*report)) return report;
         progress.tick();
     } while (Clock::now() < deadline);

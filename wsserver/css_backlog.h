@@ -16,9 +16,9 @@ namespace zenk {
 class CssBacklog {
 public:
     /// From this on a client is not read, from half of it down it is read again.
-    static constexpr std::size_t kClientBytes = 4 * 1024 * 1024;
+    static constexpr std::size_t kClientBytes = std::size_t{4} * 1024 * 1024;
     /// The same for all clients together: one that comes, floods and leaves over and over has a new id each time.
-    static constexpr std::size_t kTotalBytes = 64 * 1024 * 1024;
+    static constexpr std::size_t kTotalBytes = std::size_t{64} * 1024 * 1024;
 
     /// Counts a record that goes into the queue.
     void add(const ZenkDispatcherInfo& record);

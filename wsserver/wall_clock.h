@@ -44,7 +44,7 @@ public:
     ZenkWallClock();
 
     /// Has no effect: `m_instance` keeps its value, so a host that destroys its clock sets it to null or to another.
-    ~ZenkWallClock();
+    ~ZenkWallClock();  // NOLINT(performance-trivially-destructible): part of the binary interface
 
     /// Selects the clock and measures its tick; may be repeated at any time.
     /// @param type  any value; one outside the enumeration gives a clock that stands at 0

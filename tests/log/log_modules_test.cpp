@@ -90,6 +90,7 @@ TEST(LogModulesAndThreads, LinesStayWholeAndLevelsRightWhileTheTableChanges) {
     std::atomic<bool> isOver = false;
     std::atomic<int> wrongLevels = 0;
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&] {
             for (int i = 0; i < 500 || !isOver; ++i) {

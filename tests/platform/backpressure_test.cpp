@@ -102,7 +102,7 @@ TEST_F(Backpressure, CutsAReaderThatTheHostFloods) {
     const bool isCut = waitUntil(
         [&] { return zenk_ws::lws_write(wsi, load.data(), static_cast<int>(load.size()), zenk_ws::kWriteBinary) < 0; });
     EXPECT_TRUE(isCut);
-    expectGrowthBelow(before, 32 * 1024 * 1024);
+    expectGrowthBelow(before, std::size_t{32} * 1024 * 1024);
     EXPECT_EQ(m_sender.receive(4), "\x88\x02\x03\xE8"sv);
 }
 
@@ -113,7 +113,7 @@ TEST_F(Backpressure, SlowsAClientDownThatFloodsItself) {
     };
     const std::size_t before = residentBytes();
     ASSERT_LT(fill(1000), 1000);
-    expectGrowthBelow(before, 16 * 1024 * 1024);
+    expectGrowthBelow(before, std::size_t{16} * 1024 * 1024);
     EXPECT_NE(m_server->connection("/l/a"), nullptr);
 }
 

@@ -64,11 +64,13 @@ private:
 
 /// A served port with limits of the test's own.
 class LayerTest : public testing::Test {
-protected:
+public:
     ~LayerTest() override {
         m_server.reset();  // it reads the limits
         zenk_ws::limits() = zenk_ws::Limits();
     }
+
+protected:
     void serve() {
         m_server = std::make_unique<LayerServer>(m_port);
         ASSERT_TRUE(m_server->isServing());

@@ -234,7 +234,7 @@ public:
         const int next = dup(STDIN_FILENO);  // the lowest that is free
         close(next);
         rlimit now = m_before;
-        now.rlim_cur = static_cast<rlim_t>(next + more);
+        now.rlim_cur = static_cast<rlim_t>(next) + static_cast<rlim_t>(more);
         setrlimit(RLIMIT_NOFILE, &now);
     }
     ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_before); }
