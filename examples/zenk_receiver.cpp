@@ -93,7 +93,7 @@ private:
         // An idle server takes half a second to see it.
         if (m_ended.wait_for(1s) == std::future_status::ready) return;
         // The library wakes the server by a datagram, which cannot travel while the loopback interface is down.
-        pthread_kill(m_thread.native_handle(), SIGTERM);
+        pthread_kill(m_thread.native_handle(), SIGTERM);  // NOLINT(bugprone-bad-signal-to-kill-thread): has a handler
     }
 
     std::string m_portText;
@@ -202,7 +202,7 @@ int run(const Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     Options options;
     CLI::App app("Reference host of the companion-screen services");
     app.add_option("--port", options.port, "TCP port of the WebSocket services")
@@ -215,10 +215,8 @@ int main(int argc, char** argv) {
     app.add_flag("--no-sync", options.noSync, "refuse CSS clients and leave the wall clock idle");
     app.add_flag("--log-control", options.logControl, "let zenk_logctl change the log while we run");
     CLI11_PARSE(app, argc, argv);
-    try {
-        return run(options);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "zenk_receiver: %s\n", error.what());
-        return 1;
-    }
+    return run(options);
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "zenk_receiver: %s\n", error.what());
+    return 1;
 }
