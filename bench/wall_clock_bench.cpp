@@ -101,7 +101,7 @@ public:
     Load(int port, int inFlight) : m_fd(socket(AF_INET, SOCK_DGRAM, 0)), m_sentAt(static_cast<std::size_t>(inFlight)) {
         const sockaddr_in server = loopback(port);
         const timeval patience{0, 200'000};
-        connect(m_fd, reinterpret_cast<const sockaddr*>(&server), sizeof server);
+        static_cast<void>(connect(m_fd, reinterpret_cast<const sockaddr*>(&server), sizeof server));
         setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     }
     ~Load() { close(m_fd); }

@@ -24,7 +24,7 @@
 namespace zenk_bench {
 namespace {
 
-constexpr std::size_t kReadBytes = 256 * 1024;
+constexpr std::size_t kReadBytes = std::size_t{256} * 1024;
 constexpr std::size_t kEventsPerWait = 512;
 constexpr std::size_t kClientHeaderBytes = 14;
 constexpr std::uint8_t kOpcodeClose = 8;

@@ -13,7 +13,6 @@ namespace {
 
 using zenk_test::Action;
 using zenk_test::Actions;
-using zenk_test::goodbye;
 using zenk_test::PlainPairing;
 using zenk_test::takeActions;
 using zenk_test::text;
@@ -80,6 +79,7 @@ TEST_F(Pairing, MatchesThePlainWalkInRandomSequences) {
     std::mt19937 random(20240607);
     const auto draw = [&random](int count) { return static_cast<int>(random() % static_cast<unsigned>(count)); };
     std::vector<lws*> connections;
+    connections.reserve(8);
     for (int i = 0; i < 8; ++i) connections.push_back(zenk_test::openConnection(i, ""));
     PlainPairing plain;
     std::size_t longest = 0;
