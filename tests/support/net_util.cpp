@@ -91,7 +91,7 @@ Socket connectTcp(int port) {
 Socket connectUdp(int port) {
     Socket socket = makeSocket(SOCK_DGRAM);
     const sockaddr_in address = addressOf(INADDR_LOOPBACK, port);
-    connect(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    static_cast<void>(connect(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
     return socket;
 }
 
