@@ -24,7 +24,7 @@ TEST(Memory, MayRunOut) {
     Receiver receiver;
     Pair pair;
     ASSERT_TRUE(pair.connect(receiver.port()));
-    ASSERT_TRUE(leaveMemory(receiver.process(), 2 * 1024 * 1024));  // some 14 connections
+    ASSERT_TRUE(leaveMemory(receiver.process(), std::size_t{2} * 1024 * 1024));  // some 14 connections
 
     std::vector<WsClient> crowd(40);
     int accepted = 0, refused = 0;
