@@ -28,8 +28,7 @@ public:
     enum class Phase : std::uint8_t {
         Handshake,  // not open yet
         Open,
-        Closing,  // its close was asked for: no more writes, but what is queued leaves; startClose() may be still to
-                  // come
+        Closing,  // its close was asked for, and startClose() comes: no more writes, but what is queued leaves
         Ended,    // nothing leaves any more
     };
 

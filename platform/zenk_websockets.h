@@ -91,8 +91,8 @@ void lws_context_destroy(lws_context* context);
 int lws_write(::lws* wsi, const void* data, int length, int type);
 
 /// Starts a closing handshake with `status`, after what is already queued. @thread any. Repeats are ignored: the first
-/// status wins. A peer that does not answer is cut after a while, and one whose close finds no memory at once. @return
-/// 0
+/// status wins. A peer that does not answer is cut after a while, and one whose close finds no memory at once.
+/// @return 0
 int lws_close(::lws* wsi, int status);
 
 /// Reception of a connection on (1) or off (0). @thread any. @return 0
