@@ -57,3 +57,16 @@ function(zenk_program name)
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
     BUILD_RPATH "\$ORIGIN" BUILD_RPATH_USE_ORIGIN ON)
 endfunction()
+
+# zenk_optional_part(FOLDER GROUP PACKAGES...): takes the folder in, or leaves it out and says so where one of its packages
+# is missing. GROUP is what scripts/install-dependencies.sh calls them.
+function(zenk_optional_part folder group)
+  foreach(package ${ARGN})
+    find_package(${package} QUIET)
+    if(NOT ${package}_FOUND)
+      message(STATUS "Left out: ${folder}/, ${package} is missing (scripts/install-dependencies.sh ${group})")
+      return()
+    endif()
+  endforeach()
+  add_subdirectory(${folder})
+endfunction()

@@ -8,6 +8,6 @@ set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-scripts/install-dependencies.sh
+scripts/install-dependencies.sh bench
 scripts/build.sh release
 exec /usr/bin/python3 bench/run_bench.py "$@"

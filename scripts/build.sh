@@ -22,6 +22,7 @@ if ! cmake --preset "$preset" $launcher >"$log" 2>&1; then
 fi
 
 if [ $# -eq 0 ]; then
+    sed -n 's/^-- Left out: /build: left out: /p' "$log" >&2
     exec cmake --build --preset "$preset"
 fi
 exec cmake --build --preset "$preset" --target "$@"

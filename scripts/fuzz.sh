@@ -37,7 +37,7 @@ for target in "$@"; do
     fi
 done
 
-scripts/install-dependencies.sh
+scripts/install-dependencies.sh test check
 echo "fuzz: building"
 scripts/build.sh fuzz
 

@@ -1,26 +1,48 @@
 #!/bin/sh
-# Installs the Debian packages that building, testing and running the project needs. Does nothing when all are there.
+# Installs the Debian packages that a piece of work needs: install-dependencies.sh [GROUP...]
+#   build  the library, the reference host and the tools; the default
+#   test   what the tests need too
+#   bench  what the benchmarks and their peers need too
+#   check  what every check needs too: second compiler, fuzzers, formats, coverage
+#   all    everything
+# Does nothing when all is there.
 set -eu
 
-# The build: compiler, generator, libraries.
-PACKAGES="g++ cmake ninja-build pkg-config
+BUILD="g++ cmake ninja-build pkg-config
     libwebsockets-dev libev-dev libssl-dev libinih-dev libcli11-dev nlohmann-json3-dev"
 # libwebsockets loads this plug-in at run time; no linker would miss it.
-PACKAGES="$PACKAGES libwebsockets-evlib-ev"
-# Tests and benchmarks, with the peers that they are compared to.
-PACKAGES="$PACKAGES libgtest-dev libbenchmark-dev libspdlog-dev libboost-dev libwebsocketpp-dev
-    python3 python3-websockets iproute2"
-# The browser that opens the demo page in the tests.
-PACKAGES="$PACKAGES chromium"
-# The checks: second compiler, format, scripts, reference.
-PACKAGES="$PACKAGES clang clang-format libclang-rt-14-dev clang-tidy doxygen abigail-tools shellcheck git"
+BUILD="$BUILD libwebsockets-evlib-ev"
+# The last line is of tests that are skipped without: demo page, reference, binary interface.
+TEST="libgtest-dev libboost-dev python3 python3-websockets iproute2
+    chromium doxygen abigail-tools"
+BENCH="libbenchmark-dev libspdlog-dev libboost-dev python3"
+CHECK="clang libclang-rt-14-dev clang-format clang-tidy shellcheck gcovr git"
+
+# packages_of GROUP...
+packages_of() {
+    echo "$BUILD"
+    for group in "$@"; do
+        case $group in
+        build) ;;
+        test) echo "$TEST" ;;
+        bench) echo "$BENCH" ;;
+        check) echo "$CHECK" ;;
+        all) echo "$TEST $BENCH $CHECK" ;;
+        *)
+            sed -n '2,8s/^# *//p' "$0" >&2
+            return 2
+            ;;
+        esac
+    done
+}
 
 is_installed() {
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-missing_packages() {
-    for package in $PACKAGES; do
+# missing_of PACKAGE...
+missing_of() {
+    for package in "$@"; do
         is_installed "$package" || printf '%s ' "$package"
     done
 }
@@ -40,12 +62,15 @@ apt_get() {
     as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -o Dpkg::Use-Pty=0 "$@" </dev/null
 }
 
+packages=$(packages_of "$@")
 if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
-    echo "install-dependencies: this is no Debian system; please install by hand: $PACKAGES" >&2
+    echo "install-dependencies: this is no Debian system; please install by hand: $packages" >&2
     exit 1
 fi
 
-missing=$(missing_packages)
+# Split on purpose, here and below: one argument per package.
+# shellcheck disable=SC2086
+missing=$(missing_of $packages)
 if [ -z "$missing" ]; then
     exit 0
 fi
@@ -53,7 +78,6 @@ fi
 echo "Installing: $missing"
 # A package list that cannot be refreshed may still be good enough, so only the installation decides.
 apt_get update || echo "install-dependencies: could not refresh the package lists, going on with the old ones" >&2
-# Split on purpose: one argument per package.
 # shellcheck disable=SC2086
 if ! apt_get install --no-install-recommends -y $missing; then
     echo "install-dependencies: could not install: $missing" >&2

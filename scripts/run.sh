@@ -33,7 +33,7 @@ announce_demo() {
 
 # Standard output belongs to the receiver, whose lines others read; what we say goes to standard error.
 {
-    scripts/install-dependencies.sh
+    scripts/install-dependencies.sh build
     echo "Building zenk_receiver (the first time takes a few minutes)..."
     scripts/build.sh release zenk_receiver
     echo "Starting build/zenk_receiver $*   (Ctrl+C ends it)"

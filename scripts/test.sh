@@ -22,7 +22,10 @@ fi
 preset=${1:-release}
 filter=${2:-}
 
-scripts/install-dependencies.sh
+case $preset in
+clang) scripts/install-dependencies.sh test check ;;
+*) scripts/install-dependencies.sh test ;;
+esac
 echo "test: building preset $preset"
 scripts/build.sh "$preset"
 
