@@ -42,6 +42,7 @@ int __wrap_ioctl(int /*fd*/, unsigned long request, ifreq* interface) {
 }
 
 ssize_t __wrap_recvfrom(int fd, void* buffer, std::size_t size, int flags, sockaddr* from, socklen_t* length) {
+    ++outside::receives;
     if (!outside::receiveFails) return __real_recvfrom(fd, buffer, size, flags, from, length);
     errno = EIO;
     return -1;
