@@ -33,7 +33,8 @@ void Connection::onHeard() {
 
 bool Connection::onReceive(std::span<const std::uint8_t> piece) {
     onHeard();
-    if (m_isCloseStarted || m_isBroken || m_isDead) return false;
+    // Once its close was asked for, a peer is read for its answer only. What else it sends would pass by every hold.
+    if (phase() != Phase::Open) return false;
     if (!m_isMessageBegun) {
         m_utf8 = Utf8Checker();
         m_isMessageBegun = true;
@@ -41,7 +42,6 @@ bool Connection::onReceive(std::span<const std::uint8_t> piece) {
     const bool isGood = ::lws_frame_is_binary(m_wsi) != 0 || checkText(piece);
     if (::lws_is_final_fragment(m_wsi) != 0) m_isMessageBegun = false;
     if (isGood) return true;
-    m_isBroken = true;
     startClose(LWS_CLOSE_STATUS_INVALID_PAYLOAD);
     return false;
 }

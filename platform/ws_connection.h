@@ -115,7 +115,6 @@ private:
     // Receiving.
     Utf8Checker m_utf8;
     bool m_isMessageBegun = false;
-    bool m_isBroken = false;  // bad text came: nothing is delivered any more
     Clock::time_point m_heardAt;
     bool m_isPingOut = false;
 

@@ -111,17 +111,28 @@ TEST(CssFlood, NeitherStopsTheNetworkNorFillsMemoryWhenTheHostBlocks) {
     ASSERT_TRUE(pair.connect(port));
 
     const std::size_t residentBefore = residentBytes();
+    const auto expectBoundedMemory = [&] {
+        if (!kIsSanitized) {
+            EXPECT_LT(residentBytes() - residentBefore, 32u * 1024 * 1024);
+        }
+    };
     const Flood leaving(port, 'l', std::chrono::seconds(1));
     ASSERT_TRUE(waitUntil([&] { return host.hasBlocked.load(); }));
     const Flood staying(port, 's', 10 * kPatience);
     EXPECT_TRUE(waitUntilStalled(staying));
     EXPECT_LT(staying.sent, kMessages);
     for (int i = 0; i < 100; ++i) ASSERT_TRUE(pair.exchange());
-    if (!kIsSanitized) {
-        EXPECT_LT(residentBytes() - residentBefore, 32u * 1024 * 1024);
-    }
+    expectBoundedMemory();
 
-    constexpr int kLeavingId = 3;  // behind the pair
+    constexpr int kLeavingId = 3, kToldId = 5;  // behind the pair, and behind the one that stays
+    const Flood told(port, 't', 10 * kPatience);
+    EXPECT_TRUE(waitUntilStalled(told));
+    std::string unread(7'000'000, 'h');
+    cii->sendMessage(unread.data(), static_cast<int>(unread.size()), kToldId);
+    cii->closeClientConnection(kToldId);
+    EXPECT_TRUE(waitUntil([&] { return cii->ciiClientIdExists(kToldId) == 0; })) << "it does not read, so it is cut";
+    expectBoundedMemory();
+
     EXPECT_TRUE(waitUntil([&] { return cii->ciiClientIdExists(kLeavingId) == 0; })) << "its reset is seen";
     EXPECT_LT(leaving.sent, kMessages);
     host.goOn();

@@ -129,6 +129,35 @@ TEST_F(Backpressure, HoldsAClientForItsCaller) {
     EXPECT_EQ(m_reader.receive(5), "\x82\x03one");
 }
 
+// Whoever is told to go is read, so that its answer is seen. What it floods us with meanwhile is nobody's any more.
+TEST_F(Backpressure, TakesNothingMoreFromAClientThatIsToldToGo) {
+    zenk_ws::limits().closeStall = 1s;
+    LayerTest::serve();
+    enum Held { ByTheHost, ByItsPartner, TooLate };
+    const std::string load(7'000'000, 'h');  // the client reads nothing, so the close frame waits behind this
+    for (const Held held : {ByTheHost, ByItsPartner, TooLate}) {
+        SCOPED_TRACE(held);
+        const std::string name = std::to_string(held);
+        RawClient client, partner;
+        ASSERT_TRUE(client.upgrade(m_port, "/l/" + name));
+        ASSERT_TRUE(partner.upgrade(m_port, "/r/" + name));
+        lws* const wsi = connectionOf("/l/" + name);
+        const auto flood = [&] {
+            for (int i = 0; i < 200 && client.send(clientFrame(0x82, message(i)), 500ms); ++i) continue;
+        };
+        connectionOf("/r/" + name);
+        zenk_ws::lws_write(wsi, load.data(), static_cast<int>(load.size()), zenk_ws::kWriteBinary);
+        if (held == ByTheHost) zenk_ws::lws_rx_flow_control(wsi, 0);
+        if (held == ByItsPartner) flood();
+        zenk_ws::lws_close(wsi, 1001);
+        if (held == TooLate) zenk_ws::lws_rx_flow_control(wsi, 0);
+        const int before = m_server->counts().finalFragments;
+        flood();
+        EXPECT_LE(m_server->counts().finalFragments, before + 1) << "but for one that was on its way";
+        EXPECT_TRUE(waitUntil([&] { return m_server->connection("/l/" + name) == nullptr; }));
+    }
+}
+
 TEST_F(Backpressure, FindsAHeldClientThatVanished) {
     zenk_ws::limits().pingAfter = 1s;
     zenk_ws::limits().hangUpAfter = 2s;
