@@ -56,7 +56,7 @@ int Connection::onWriteable() {
     if (m_isCloseStarted || m_isDead) return 0;  // libwebsockets comes once more when the close frame is out
     if (!pump() || m_closeStatus == 0) return 0;
     m_isCloseStarted = true;
-    m_progressAt = m_context.now();
+    m_progressAt = m_context.exactNow();
     ::lws_close_reason(m_wsi, static_cast<lws_close_status>(m_closeStatus), nullptr, 0);
     return kSendCloseFrame;
 }
@@ -64,7 +64,7 @@ int Connection::onWriteable() {
 void Connection::onPeerClose() {
     pump();  // whole frames that were written before the peer's close came are still welcome
     m_isCloseStarted = true;
-    m_progressAt = m_context.now();
+    m_progressAt = m_context.exactNow();
     m_context.setPhase(*this, Phase::Ended);
     m_queue.clear();
     releaseSenders();
@@ -199,7 +199,7 @@ void Connection::applyReading() {
     const bool isWanted = phase() != Phase::Open || (!m_isCallerHold && m_holders.empty());
     if (isWanted == m_isReading || m_isDead) return;
     m_isReading = isWanted;
-    m_heardAt = m_context.now();  // its silence so far was ours
+    onHeard();  // its silence so far was ours
     if (::lws_rx_flow_control(m_wsi, isWanted ? 1 : 0) < 0) {
         kill();
         return;
@@ -243,7 +243,7 @@ void Connection::checkStoppedPeer() {
 void Connection::startClose(int status) {
     if (m_closeStatus != 0 || m_isDead || m_isCloseStarted) return;
     m_closeStatus = status;
-    m_closeAskedAt = m_progressAt = m_context.now();
+    m_closeAskedAt = m_progressAt = m_context.exactNow();
     m_context.setPhase(*this, Phase::Closing);
     releaseSenders();
     applyReading();
@@ -267,7 +267,7 @@ void Connection::releaseWhenIdle(void* area, std::size_t length) {
     m_context.watch(*this);
 }
 
-bool Connection::tick(Clock::time_point now) {
+bool Connection::tick(LoopClock::time_point now) {
     if (m_isDead) return false;
     if (!m_isReading) checkStoppedPeer();
     if (hasPeerTakenMore()) m_progressAt = now;
@@ -280,11 +280,11 @@ bool Connection::tick(Clock::time_point now) {
     return !m_isDead && (!m_isReading || backlog() != 0 || phase() != Phase::Open || !isQuiet);
 }
 
-void Connection::checkProgress(Clock::time_point now) {
+void Connection::checkProgress(LoopClock::time_point now) {
     if (backlog() != 0 && now - m_progressAt > limits().backlogStall) kill();
 }
 
-void Connection::checkClose(Clock::time_point now) {
+void Connection::checkClose(LoopClock::time_point now) {
     const bool isStalled = now - m_progressAt > limits().closeStall;
     const bool isOverdue = m_closeStatus != 0 && now - m_closeAskedAt > limits().closeTotal;
     if (isStalled || isOverdue) kill();
@@ -302,7 +302,7 @@ bool Connection::hasPeerTakenMore() {
 }
 
 /// @return true if there is nothing to give back, or it has been given back
-bool Connection::hasQuietRecord(Clock::time_point now) {
+bool Connection::hasQuietRecord(LoopClock::time_point now) {
     if (m_quietArea == nullptr) return true;
     if (m_isMessageBegun || now - m_heardAt < limits().quietRecord) return false;
     m_record.releasePages(m_quietArea, m_quietBytes);
@@ -310,21 +310,27 @@ bool Connection::hasQuietRecord(Clock::time_point now) {
     return true;
 }
 
-void Connection::heartbeat(Clock::time_point now) {
+void Connection::heartbeat(LoopClock::time_point now) {
     // Who is not read cannot be heard, and who has a backlog cannot hear. For the one the kernel asks, and the other
     // has to take something; tick() looks after both.
-    if (phase() != Phase::Open || !m_isReading || backlog() != 0) return;
-    const auto silence = now - m_heardAt;
-    if (silence >= limits().hangUpAfter) {
-        kill();
-    } else if (silence >= limits().pingAfter && !m_isPingOut) {
-        m_isPingOut = true;
-        static constexpr std::uint8_t kPayload[] = {'?'};  // libwebsockets raises no event for an empty answer
-        FrameHeader ping = makeFrameHeader(sizeof kPayload, kWriteText);
-        ping.bytes[0] = 0x89;
-        m_queue.append(ping, kPayload, limits().earlyFlushBytes);
-        m_context.flushLater(*this);
+    if (phase() != Phase::Open || !m_isReading) return;
+    if (backlog() != 0) {
+        m_pingedAt = now;
+    } else if (m_isPingOut) {
+        if (now - m_pingedAt >= limits().hangUpAfter - limits().pingAfter) kill();
+    } else if (now - m_heardAt >= limits().pingAfter) {
+        sendPing();
     }
+}
+
+void Connection::sendPing() {
+    static constexpr std::uint8_t kPayload[] = {'?'};  // libwebsockets raises no event for an empty answer
+    FrameHeader ping = makeFrameHeader(sizeof kPayload, kWriteText);
+    ping.bytes[0] = 0x89;
+    m_queue.append(ping, kPayload, limits().earlyFlushBytes);
+    m_context.flushLater(*this);
+    m_isPingOut = true;
+    m_pingedAt = m_context.exactNow();
 }
 
 }  // namespace zenk_ws

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <vector>
 
+#include "platform/loop_clock.h"
 #include "platform/send_queue.h"
 #include "platform/session_record.h"
 #include "platform/utf8_checker.h"
@@ -17,7 +17,6 @@ struct lws;
 namespace zenk_ws {
 
 class Context;
-using Clock = std::chrono::steady_clock;
 
 /// One WebSocket connection: what waits to be sent to it, whether it is read, how it ends.
 ///
@@ -69,9 +68,9 @@ public:
     void releaseWhenIdle(void* area, std::size_t length);
 
     /// Looks after what no event tells. @return false when there is nothing to look after any more
-    bool tick(Clock::time_point now);
+    bool tick(LoopClock::time_point now);
     /// Finds peers that have vanished without a word.
-    void heartbeat(Clock::time_point now);
+    void heartbeat(LoopClock::time_point now);
 
     // For the context: the places in its lists; and, under the context's lock, what other threads have asked to send
     // and is not queued yet, and whether there was no memory for a request.
@@ -94,10 +93,11 @@ private:
     void checkStoppedPeer();
 
     bool checkText(std::span<const std::uint8_t> piece);
-    void checkProgress(Clock::time_point now);
-    void checkClose(Clock::time_point now);
+    void checkProgress(LoopClock::time_point now);
+    void checkClose(LoopClock::time_point now);
     bool hasPeerTakenMore();
-    bool hasQuietRecord(Clock::time_point now);
+    void sendPing();
+    bool hasQuietRecord(LoopClock::time_point now);
 
     Context& m_context;
     ::lws* const m_wsi;
@@ -108,15 +108,16 @@ private:
 
     // Sending.
     SendQueue m_queue;
-    std::size_t m_inLibrary = 0;     // bytes of the last raw write while libwebsockets holds a rest of it
-    std::uint64_t m_bytesAcked = 0;  // as the kernel counted them at the last look
-    Clock::time_point m_progressAt;  // when the peer last took something
+    std::size_t m_inLibrary = 0;         // bytes of the last raw write while libwebsockets holds a rest of it
+    std::uint64_t m_bytesAcked = 0;      // as the kernel counted them at the last look
+    LoopClock::time_point m_progressAt;  // when the peer last took something
 
     // Receiving.
     Utf8Checker m_utf8;
     bool m_isMessageBegun = false;
-    Clock::time_point m_heardAt;
+    LoopClock::time_point m_heardAt;
     bool m_isPingOut = false;
+    LoopClock::time_point m_pingedAt;  // or when something last waited in front of the ping
 
     // Back-pressure. Both lists name each other's owner, so that either side can leave.
     std::vector<Connection*> m_heldSenders;  // not read because of our backlog
@@ -131,7 +132,7 @@ private:
     bool m_isCloseStarted = false;  // our close frame is out, or the peer's is in
     bool m_isDead = false;          // killed, its close event is under way
     int m_closeStatus = 0;
-    Clock::time_point m_closeAskedAt;
+    LoopClock::time_point m_closeAskedAt;
 
     void* m_quietArea = nullptr;  // to be given back when the connection is quiet
     std::size_t m_quietBytes = 0;

@@ -167,6 +167,7 @@ void Context::sayGoodbye() {
         if (connection->phase() != Connection::Phase::Open) continue;
         doFor(*connection, [](Connection& open) { open.startClose(kGoingAway); });
     }
+    using Clock = std::chrono::steady_clock;  // the host waits, so this is real time
     const auto end = Clock::now() + limits().goodbye;
     while (m_announced != 0 && Clock::now() < end) service();
 }
@@ -189,13 +190,13 @@ void Context::runLoopOnce() {
 }
 
 void Context::onTick() {
-    m_now = Clock::now();
-    if (m_now >= m_nextWatch) {
-        m_nextWatch = m_now + kWatchEvery;
+    m_clock.tick();
+    if (now() >= m_nextWatch) {
+        m_nextWatch = now() + kWatchEvery;
         lookAfterWatched();
     }
-    if (m_now >= m_nextHeartbeat) {
-        m_nextHeartbeat = m_now + kHeartbeatEvery;
+    if (now() >= m_nextHeartbeat) {
+        m_nextHeartbeat = now() + kHeartbeatEvery;
         sendHeartbeats();
     }
     startTick();
@@ -203,14 +204,14 @@ void Context::onTick() {
 
 void Context::lookAfterWatched() {
     std::erase_if(m_watched, [this](Connection* connection) {
-        doFor(*connection, [this](Connection& watched) { watched.m_isWatched = watched.tick(m_now); });
+        doFor(*connection, [this](Connection& watched) { watched.m_isWatched = watched.tick(now()); });
         return !connection->m_isWatched;
     });
 }
 
 void Context::sendHeartbeats() {
     for (const auto& [wsi, connection] : m_connections) {
-        doFor(*connection, [this](Connection& silent) { silent.heartbeat(m_now); });
+        doFor(*connection, [this](Connection& silent) { silent.heartbeat(now()); });
     }
 }
 

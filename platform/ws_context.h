@@ -45,7 +45,8 @@ public:
 
     // For Connection.
     BufferPool& pool() { return m_pool; }
-    Clock::time_point now() const { return m_now; }
+    LoopClock::time_point now() const { return m_clock.now(); }
+    LoopClock::time_point exactNow() const { return m_clock.exactNow(); }
     bool isStopping() const { return m_isStopping; }
     void flushLater(Connection& connection);
     /// Flushes everything that was first written to before `last`, then `last`.
@@ -122,10 +123,10 @@ private:
     std::size_t m_flushHead = 0;
     std::unordered_set<Connection*> m_watched;
     Connection* m_receiving = nullptr;  // whose receive event is with the upper layer
-    Clock::time_point m_now = Clock::now();
-    Clock::time_point m_nextWatch;
-    Clock::time_point m_nextHeartbeat;
-    Clock::time_point m_nextShortageLine;
+    LoopClock m_clock;
+    LoopClock::time_point m_nextWatch;
+    LoopClock::time_point m_nextHeartbeat;
+    LoopClock::time_point m_nextShortageLine;
     std::size_t m_announced = 0;
     bool m_isStopping = false;
 };

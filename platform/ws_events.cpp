@@ -101,8 +101,8 @@ int Context::tellUp(::lws* wsi, int reason, void* user, void* in, std::size_t le
 /// log until somebody leaves. So the last ones are accepted and ended.
 int Context::onAccept(::lws* wsi, int fd) {
     if (leavesSpareDescriptors(fd)) return tellUp(wsi, LWS_CALLBACK_FILTER_NETWORK_CONNECTION, nullptr, nullptr, 0);
-    if (m_now >= m_nextShortageLine) {
-        m_nextShortageLine = m_now + kTellShortageEvery;
+    if (now() >= m_nextShortageLine) {
+        m_nextShortageLine = now() + kTellShortageEvery;
         _lws_log(kLogError, "ending new connections: the process is short of descriptors\n");
     }
     return kRefuse;

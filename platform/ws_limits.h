@@ -22,6 +22,8 @@ struct Limits {
     // What one connection may send in one turn, so that a fast reader does not hold the loop.
     std::size_t turnBytes = 256 * kKiB;
 
+    // A pass of the loop counts for no more than this in what follows: whatever halts the process cuts nobody.
+    std::chrono::milliseconds longestPass{1'000};
     std::chrono::milliseconds backlogStall{30'000};  // a backlog without progress ends its connection
     std::chrono::milliseconds closeStall{5'000};     // the same once a close was asked for, and for its answer
     std::chrono::milliseconds closeTotal{30'000};    // a close ends by then, whatever the peer does

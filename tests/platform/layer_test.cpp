@@ -226,6 +226,41 @@ TEST_F(Layer, FindsPeersThatVanishedWithoutAWord) {
     EXPECT_EQ(m_server->counts().closed, 1) << "a client that answers pings was hung up";
 }
 
+TEST_F(Layer, CutsNobodyForATimeInWhichItStoodStill) {
+    zenk_ws::limits().pingAfter = 1s;
+    zenk_ws::limits().hangUpAfter = 2s;
+    zenk_ws::limits().longestPass = 100ms;
+    serve();
+    m_server->onPiece = [](lws* wsi, const std::string& path, const std::string& piece) {
+        if (path == "/l/halt") std::this_thread::sleep_for(3s);  // as a frozen process does
+        zenk_ws::lws_write(wsi, piece.data(), static_cast<int>(piece.size()), zenk_ws::kWriteText);
+    };
+    RawClient halt, client;
+    ASSERT_TRUE(halt.upgrade(m_port, "/l/halt"));
+    ASSERT_TRUE(client.upgrade(m_port, "/l/a"));
+    halt.send(clientFrame(0x81, "now"));
+    EXPECT_EQ(client.receive(3), "\x89\x01?") << "nobody is cut who was not asked first";
+    halt.send(clientFrame(0x81, "and while the answer is on its way"));
+    client.send(clientFrame(0x8A, "?") + clientFrame(0x81, "here"));
+    EXPECT_EQ(client.receive(6), "\x81\x04here");
+}
+
+TEST_F(Layer, SaysGoodbyeAfterALongCallback) {
+    zenk_ws::limits().closeStall = 200ms;
+    zenk_ws::limits().longestPass = 50ms;
+    serve();
+    m_server->onPiece = [](lws* wsi, const std::string&, const std::string&) {
+        std::this_thread::sleep_for(500ms);
+        zenk_ws::lws_close(wsi, 1001);
+    };
+    for (int i = 0; i < 5; ++i) {  // what the loop does next is up to chance
+        RawClient client;
+        ASSERT_TRUE(client.upgrade(m_port, "/l/a"));
+        client.send(clientFrame(0x81, "now"));
+        EXPECT_EQ(client.receive(4), "\x88\x02\x03\xE9"sv);
+    }
+}
+
 /// Lets the process open `more` descriptors and no more.
 class DescriptorLimit {
 public:
