@@ -15,6 +15,7 @@
 #include <limits>
 
 #include "platform/zenk_websockets.h"
+#include "wsserver/cancellation.h"
 #include "wsserver/utf8_cut.h"
 
 static_assert(kSessionHeadroom == zenk_ws::kHeadroom);
@@ -162,7 +163,7 @@ int resultAfterException(lws* wsi, int reason, const char* what) {
     return reason == zenk_ws::kEventFilterProtocolConnection ? kHttpUnavailable : 0;
 }
 
-// The unwinding of a cancelled thread is no C++ object; the compiler's check for null references would misfire on it.
+// The unwinding of a thread that ends is no C++ object; the compiler's check for null references would misfire on it.
 __attribute__((no_sanitize("null"))) int webSocketCallback(lws* wsi, int reason, void* user, void* in,
                                                            std::size_t len) {
     try {
@@ -170,7 +171,7 @@ __attribute__((no_sanitize("null"))) int webSocketCallback(lws* wsi, int reason,
     } catch (const std::exception& error) {
         return resultAfterException(wsi, reason, error.what());
     } catch (const abi::__forced_unwind&) {
-        throw;  // the host cancels its thread
+        throw;  // the host ends its thread here, and nobody can hold it
     } catch (...) {
         return resultAfterException(wsi, reason, "unknown");
     }
@@ -200,6 +201,21 @@ zenk_ws::lws_context_creation_info creationInfo(int port) {
     return info;
 }
 
+// Ends the service, also when the thread is cancelled.
+class ServiceEnd {
+public:
+    explicit ServiceEnd(zenk_ws::lws_context* context) : m_context(context) {}
+    ~ServiceEnd() {
+        zenk_ws::lws_context_destroy(m_context);
+        closelog();
+    }
+    ServiceEnd(const ServiceEnd&) = delete;
+    ServiceEnd& operator=(const ServiceEnd&) = delete;
+
+private:
+    zenk_ws::lws_context* const m_context;
+};
+
 }  // namespace
 
 int Client::onFilterConnection() {
@@ -223,6 +239,8 @@ void sighandler(int /*signal*/) {
 }
 
 int startWebSocketServer(int port, Client* client) {
+    // A cancellation waits for the end of a pass: inside one, libwebsockets is in the middle of something.
+    const zenk::Cancellation none(PTHREAD_CANCEL_DISABLE);
     g_client = client;
     occupyStandardDescriptors();
     setlogmask(255);  // every priority
@@ -236,11 +254,11 @@ int startWebSocketServer(int port, Client* client) {
         zenk_ws::_lws_log(zenk_ws::kLogError, "libwebsocket init failed\n");
         return -1;
     }
+    const ServiceEnd end(context);
     std::signal(SIGINT, sighandler);
     while (g_forceExit.load() == 0) {
         if (zenk_ws::lws_service(context, kServiceWaitMs) < 0) break;
+        zenk::endHereIfCancelled(none.before());
     }
-    zenk_ws::lws_context_destroy(context);
-    closelog();
     return 0;
 }

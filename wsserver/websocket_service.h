@@ -71,7 +71,8 @@ public:
     /// The session record of the event in hand, with the same rules; null for events outside a connection.
     ClientSessionData* m_sessionData = nullptr;
 
-    /// The socket number of the last incoming TCP connection, before its handshake; service thread.
+    /// What the WebSocket layer gave as socket number when a TCP connection last came in, before its handshake: the
+    /// event carries the listening socket, so it is that one's number and never the new connection's. Service thread.
     int m_socketFd = 0;
 };
 
@@ -85,7 +86,9 @@ public:
 /// @param client  receiver of all events; not null, stays the caller's and must outlive the call
 /// @return 0 when the service loop has ended, -1 when the port cannot be served (a line goes to syslog). After a stop
 ///         the server stays stopped: a further call in this process opens the port, closes it and returns 0
-/// @thread any one thread; blocks. Only one call at a time in a process
+/// @thread any one thread; blocks. Only one call at a time in a process. pthread_cancel() ends the thread, and the
+///         service as above, when the event in hand is done with; a new call may then serve again. A virtual operation
+///         must not end the thread itself, by pthread_exit() or otherwise
 ZENK_API int startWebSocketServer(int port, Client* client);
 
 /// Asks a running startWebSocketServer() to return, which it does within about 10 ms (plus 100 ms of goodbyes to open

@@ -16,6 +16,7 @@
 #include <new>
 #include <utility>
 
+#include "wsserver/cancellation.h"
 #include "wsserver/css_event_line.h"
 #include "wsserver/trace.h"
 #include "wsserver/wall_clock.h"
@@ -32,23 +33,6 @@ static ZenkCSSEventDispatcher* sharedEventDispatcher() {
 }
 
 namespace {
-
-/// Whether a cancellation may take effect on this thread, from construction to destruction.
-class Cancellation {
-public:
-    explicit Cancellation(int state) { pthread_setcancelstate(state, &m_before); }
-    ~Cancellation() { pthread_setcancelstate(m_before, nullptr); }
-    Cancellation(const Cancellation&) = delete;
-    Cancellation& operator=(const Cancellation&) = delete;
-
-private:
-    int m_before = PTHREAD_CANCEL_ENABLE;
-};
-
-void endHereIfCancelled() {
-    const Cancellation allowed(PTHREAD_CANCEL_ENABLE);
-    pthread_testcancel();
-}
 
 /// Tells the line when the event thread leaves it, by whatever way: the end of the loop, a cancellation, or a callback
 /// that ends its thread.
@@ -160,10 +144,10 @@ void ZenkCSSEventDispatcher::processEvent() {
     const LineUse line(m_line, &zenk::CssEventLine::endCall);
     if (m_keepRunning) {
         do {
-            endHereIfCancelled();
+            zenk::endHereIfCancelled();
             while (const std::unique_ptr<ZenkDispatcherInfo> record = line->beginCall()) {
                 deliverAndContain(*record);
-                endHereIfCancelled();
+                zenk::endHereIfCancelled();
             }
         } while (line->isOpen() && waitForWake());
     }
@@ -181,7 +165,7 @@ void ZenkCSSEventDispatcher::wake() {
 /// Returns at once when something was queued since the last call. @return whether to go on
 bool ZenkCSSEventDispatcher::waitForWake() {
     std::unique_lock lock(m_wakeMutex);
-    const Cancellation allowed(PTHREAD_CANCEL_ENABLE);
+    const zenk::Cancellation allowed(PTHREAD_CANCEL_ENABLE);
     // Whoever finds the flag standing does not wake: what it has queued must be seen after the flag is taken down.
     m_wakeCond.wait(lock, [this] { return std::atomic_ref(m_isWakeWanted).exchange(false); });
     return m_keepRunning;
@@ -209,7 +193,7 @@ void ZenkCSSEventDispatcher::discardRecords(const void* server) {
 
 void* cssEventThread(void* argument) {
     // Only processEvent() lets a cancellation in, where no lock is held and no callback runs.
-    const Cancellation forbidden(PTHREAD_CANCEL_DISABLE);
+    const zenk::Cancellation forbidden(PTHREAD_CANCEL_DISABLE);
     auto* const dispatcher = static_cast<ZenkCSSEventDispatcher*>(argument);
     // Outlives the last trace line, so that the dispatcher's destructor has the last word.
     const LineUse line(dispatcher != nullptr ? dispatcher->m_line : nullptr, &zenk::CssEventLine::threadEnds);
