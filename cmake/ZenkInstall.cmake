@@ -11,6 +11,7 @@ foreach(header
     platform/thread_annotations.h
     wsserver/css_client_list.h
     wsserver/media_sync_server.h
+    wsserver/observer_list.h
     wsserver/wall_clock.h
     wsserver/websocket_service.h
     wsserver/zenk_dvbCss.h)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <mutex>
 
 // Clang checks these at compile time (-Wthread-safety); other compilers see nothing.
@@ -20,13 +21,14 @@
 
 namespace zenk {
 
-/// A std::mutex that clang's thread-safety analysis understands. Waits use std::condition_variable_any on it.
+/// A std::mutex that clang's thread-safety analysis understands. Waits use a Condition on it.
 class ZENK_CAPABILITY("mutex") Mutex {
 public:
     void lock() ZENK_ACQUIRE() { m_mutex.lock(); }
     void unlock() ZENK_RELEASE() { m_mutex.unlock(); }
 
 private:
+    friend class Condition;
     std::mutex m_mutex;
 };
 
@@ -40,6 +42,21 @@ public:
 
 private:
     Mutex& m_mutex;
+};
+
+/// A std::condition_variable that waits on a Mutex: without the lock and the allocation of condition_variable_any.
+class Condition {
+public:
+    /// Returns when notified, and at times for no reason.
+    void wait(Mutex& mutex) ZENK_REQUIRES(mutex) {
+        std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
+        m_condition.wait(lock);
+        lock.release();  // the caller holds it still
+    }
+    void notifyAll() { m_condition.notify_all(); }
+
+private:
+    std::condition_variable m_condition;
 };
 
 }  // namespace zenk

@@ -1,16 +1,15 @@
 #pragma once
 
 #include <array>
-#include <condition_variable>
 #include <cstddef>
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "log/zenk_export.h"
 #include "platform/thread_annotations.h"
+#include "wsserver/observer_list.h"
 #include "wsserver/websocket_service.h"
 
 /// @file
@@ -204,31 +203,35 @@ public:
 private:
     friend class ClientObserver;
     friend class zenk::CssBacklog;
-    class ObserverWalk;
 
     /// Stops the reading of a client of the instance, or lets it go on; nothing happens when either has gone.
     /// @thread any, also while the host destroys the instance; never blocks
     ZENK_HIDDEN static void holdClient(int clientId, bool isHeld);
 
-    void leaveServer(ClientObserver& observer);
-    int registerConnection(int socketFd, const std::string& uri);
-    int forgetConnection(int socketFd);
-    int clientIdOf(int socketFd);
-    const char* urlOf(int clientId);
-    std::string takeHandshakeUri();
+    ZENK_HIDDEN static MediaSyncServer* instanceOrNewOne();
+    ZENK_HIDDEN void leaveServer(ClientObserver& observer);
+    ZENK_HIDDEN int registerConnection(int socketFd, const std::string& uri);
+    ZENK_HIDDEN int forgetConnection(int socketFd);
+    ZENK_HIDDEN int clientIdOf(int socketFd);
+    ZENK_HIDDEN const char* urlOf(int clientId);
+    ZENK_HIDDEN void noteHandshake();
+    ZENK_HIDDEN std::string takeHandshakeUri();
+    template <typename Action>
+    ZENK_HIDDEN bool forClients(int clientId, const Action& action);
 
-    static std::string m_local_random;  // written by createRandom() only, as are the next two
-    static std::string m_remote_random;
-    static std::string m_sync_random;
-    static std::string m_css_random;  // stays empty
+    // References to texts that live as long as the process: a callback may ask for a URL while it exits.
+    ZENK_HIDDEN static std::string& m_local_random;  // written by createRandom() only, as are the next two
+    ZENK_HIDDEN static std::string& m_remote_random;
+    ZENK_HIDDEN static std::string& m_sync_random;
+    ZENK_HIDDEN static std::string& m_css_random;  // stays empty
 
     // The three maps belong together: a connection is in all of them from onConnect() to onClose(). Changed by the
     // service thread only. The registry lock is held across writes and closes of other threads, so that no connection
     // vanishes under them; it is never held while an observer is called. Behind it comes only the WebSocket layer's.
     std::map<int, lws*> m_clientMap ZENK_GUARDED_BY(m_registryMutex);  // client id to connection
     std::map<int, int> m_fdMap ZENK_GUARDED_BY(m_registryMutex);       // socket number to client id
-    std::vector<ClientObserver*> m_observers ZENK_GUARDED_BY(m_registryMutex);
-    int mClientIdIndex ZENK_GUARDED_BY(m_registryMutex);  // the last client id given out
+    std::vector<ClientObserver*> m_observers;                          // kept by m_observerList, under m_registryMutex
+    int mClientIdIndex ZENK_GUARDED_BY(m_registryMutex);               // the last client id given out
 
 public:
     /// TCP port that the URLs name; 0 at first. Nothing ties it to the port of startWebSocketServer(): set both.
@@ -252,13 +255,7 @@ private:
     std::array<std::map<int, std::string>::node_type, kRetiredUrls> m_retiredUrls ZENK_GUARDED_BY(m_registryMutex);
     std::size_t m_nextRetired ZENK_GUARDED_BY(m_registryMutex) = 0;
 
-    // The service thread's walk over m_observers, which removeObserver() must not disturb and may have to wait for.
-    std::size_t m_walkNext ZENK_GUARDED_BY(m_registryMutex) = 0;
-    ClientObserver* m_runningObserver ZENK_GUARDED_BY(m_registryMutex) = nullptr;
-    std::thread::id m_walkThread ZENK_GUARDED_BY(m_registryMutex);
-    int m_waitingRemovals ZENK_GUARDED_BY(m_registryMutex) = 0;
-    std::condition_variable_any m_observerIdle;  // goes with m_registryMutex
-
+    zenk::ObserverList m_observerList;      // keeps m_observers
     std::unique_ptr<PairedApps> m_pairing;  // keeps m_pairedApps, with an index beside it; service thread
 
     // The URI built at the filter event waits here for the established event of the same connection; service thread.

@@ -9,9 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "tests/faults/failing_allocations.h"
 #include "tests/support/outside.h"
+#include "wsserver/local_address.h"
 #include "wsserver/media_sync_server.h"
-#include "wsserver/route_table.h"
 #include "wsserver/url_token.h"
 #include "wsserver/zenk_dvbCss.h"
 
@@ -30,6 +31,11 @@ TEST(Tokens, AreTheMd5OfADrawnNumber) {
     std::snprintf(decimal, sizeof decimal, "%016u", static_cast<unsigned>(std::rand()));
     std::srand(7);
     EXPECT_EQ(randomToken(), md5Hex(decimal));
+}
+
+std::optional<std::string> nameIn(const File& table) {
+    const std::optional<zenk::InterfaceName> name = zenk::firstRouteInterface(table.get());
+    return name ? std::optional<std::string>(name->text) : std::nullopt;
 }
 
 TEST(RouteTable, FirstCompleteLineNamesTheInterface) {
@@ -52,7 +58,7 @@ TEST(RouteTable, FirstCompleteLineNamesTheInterface) {
         const File table(
             text.empty() ? std::fopen("/dev/null", "r") : fmemopen(const_cast<char*>(text.data()), text.size(), "r"),
             std::fclose);
-        EXPECT_EQ(firstRouteInterface(table.get()), name) << text;
+        EXPECT_EQ(nameIn(table), name) << text;
     }
 
     cookie_io_functions_t breaksAfterTheHeader = {};
@@ -62,7 +68,7 @@ TEST(RouteTable, FirstCompleteLineNamesTheInterface) {
     };
     bool isBroken = false;
     const File table(fopencookie(&isBroken, "r", breaksAfterTheHeader), std::fclose);
-    EXPECT_EQ(firstRouteInterface(table.get()), "") << "a read error is the end";
+    EXPECT_EQ(nameIn(table), "") << "a read error is the end";
 }
 
 class Urls : public testing::Test {
@@ -104,7 +110,9 @@ TEST_F(Urls, NeedAnAddress) {
     EXPECT_EQ(outside::interface, "exactly15chars_");
     EXPECT_STREQ(address, "192.168.100.200#") << "15 characters and no terminator";
     outside::address = "10.0.0.1";
-    EXPECT_EQ(getLocalIpAddr(address, 15), 0);
+    zenk_test::failAllocationOf(pthread_self(), 0);
+    EXPECT_EQ(getLocalIpAddr(address, 15), 0) << "without memory too";
+    EXPECT_FALSE(zenk_test::stopFailing());
     EXPECT_EQ(std::string(address, 16), std::string("10.0.0.1\0\0\0\0\0\0\0#", 16));
 }
 
@@ -125,6 +133,33 @@ TEST_F(Urls, JoinTheirPieces) {
                              base + "/local/hbbtv/" + local + "/", base + "/remote/hbbtv/" + remote + "/",
                              base + "/css-cii/" + sync + "/", base + "/css-ts/", "udp://192.168.100.100:6677x"}));
     }
+}
+
+struct LastQuestion {
+    MediaSyncServer& server;
+    std::string url;
+};
+LastQuestion* g_lastQuestion = nullptr;
+
+// Registered before the constructors of all statics, so it is called behind their destructors.
+[[gnu::constructor(101)]] void askAtExit() {
+    std::atexit([] {
+        std::string url;
+        if (g_lastQuestion == nullptr) return;
+        g_lastQuestion->server.getApp2AppLocalBaseUrl(url);
+        std::_Exit(url == g_lastQuestion->url ? 0 : 1);
+    });
+}
+
+TEST_F(Urls, AreThereUntilTheProcessEnds) {
+    const auto exit = [&] {
+        outside::routes = kHeader + "lo" + kNumbers;
+        outside::address = "10.0.0.1";
+        g_lastQuestion = new LastQuestion{server, {}};
+        server.getApp2AppLocalBaseUrl(g_lastQuestion->url);
+        std::exit(2);
+    };
+    EXPECT_EXIT(exit(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

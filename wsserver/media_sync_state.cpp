@@ -1,0 +1,187 @@
+// What a MediaSyncServer keeps: its instance, observers, connections and tokens. Nothing here writes to the log.
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "platform/zenk_websockets.h"
+#include "wsserver/client_ids.h"
+#include "wsserver/media_sync_server.h"
+#include "wsserver/paired_apps.h"
+#include "wsserver/shared_value.h"
+#include "wsserver/url_token.h"
+
+using zenk::loadShared;
+using zenk::replaceShared;
+using zenk::storeShared;
+
+// ---------------------------------------------------------------- life
+
+MediaSyncServer* MediaSyncServer::m_instance = nullptr;
+
+/// Keeps two first calls of getInstance() from building two instances, and the instance alive while the event thread
+/// holds or resumes one of its clients. Taken before the registry lock.
+static zenk::Mutex& instanceMutex() {
+    static zenk::Mutex mutex;
+    return mutex;
+}
+
+MediaSyncServer::MediaSyncServer()
+    : mClientIdIndex(0),
+      m_port(0),
+      enablePairing(false),
+      m_observerList(m_observers, m_registryMutex),
+      m_pairing(std::make_unique<PairedApps>(m_pairedApps)) {
+    storeShared(m_instance, this);
+    createRandom();
+}
+
+MediaSyncServer::~MediaSyncServer() {
+    {
+        zenk::MutexLock lock(m_registryMutex);
+        mClientIdIndex = 0;
+        for (ClientObserver* observer : m_observers) leaveServer(*observer);
+    }
+    storeShared(m_port, 0);
+    {
+        zenk::MutexLock lock(instanceMutex());
+        storeShared(m_instance, nullptr);
+    }
+    m_pairing->clear();
+    storeShared(enablePairing, false);
+}
+
+MediaSyncServer* MediaSyncServer::instanceOrNewOne() try {
+    const zenk::MutexLock lock(instanceMutex());
+    MediaSyncServer* const instance = loadShared(m_instance);
+    return instance != nullptr ? instance : new MediaSyncServer;  // which stores itself in m_instance
+} catch (const std::exception&) {
+    return nullptr;
+}
+
+// ---------------------------------------------------------------- observers
+
+void MediaSyncServer::addObserver(ClientObserver* observer) {
+    if (observer == nullptr) return;
+    storeShared(observer->m_server, this);
+    if (!m_observerList.add(observer)) leaveServer(*observer);
+}
+
+void MediaSyncServer::removeObserver(ClientObserver* observer) {
+    if (observer == nullptr) return;
+    leaveServer(*observer);
+    m_observerList.remove(observer);
+}
+
+// An observer that has been given to another server meanwhile keeps that one.
+void MediaSyncServer::leaveServer(ClientObserver& observer) {
+    replaceShared(observer.m_server, this, nullptr);
+}
+
+// ---------------------------------------------------------------- registry
+
+int MediaSyncServer::registerConnection(int socketFd, const std::string& uri) {
+    zenk::MutexLock lock(m_registryMutex);
+    const int id = nextClientId(mClientIdIndex, m_clientMap);
+    try {
+        m_clientMap.emplace(id, m_wsi);
+        m_fdMap.emplace(socketFd, id);
+        m_urlMap[id] = uri;
+    } catch (const std::exception&) {
+        m_clientMap.erase(id);
+        m_fdMap.erase(socketFd);
+        m_urlMap.erase(id);
+        throw;
+    }
+    mClientIdIndex = id;
+    return id;
+}
+
+/// @return the id that the connection had, or 0
+int MediaSyncServer::forgetConnection(int socketFd) {
+    zenk::MutexLock lock(m_registryMutex);
+    const auto entry = m_fdMap.find(socketFd);
+    if (entry == m_fdMap.end()) return 0;
+    const int id = entry->second;
+    m_clientMap.erase(id);
+    m_fdMap.erase(entry);
+    // A text that getUrl() has just given out must not vanish under its reader.
+    m_retiredUrls[m_nextRetired] = m_urlMap.extract(id);
+    m_nextRetired = (m_nextRetired + 1) % m_retiredUrls.size();
+    return id;
+}
+
+/// @return 0 for a socket that is not registered
+int MediaSyncServer::clientIdOf(int socketFd) {
+    zenk::MutexLock lock(m_registryMutex);
+    const auto entry = m_fdMap.find(socketFd);
+    return entry == m_fdMap.end() ? 0 : entry->second;
+}
+
+const char* MediaSyncServer::urlOf(int clientId) {
+    zenk::MutexLock lock(m_registryMutex);
+    const auto entry = m_urlMap.find(clientId);
+    return entry == m_urlMap.end() ? nullptr : entry->second.c_str();
+}
+
+bool MediaSyncServer::copyUrl(int clientId, std::string& url) {
+    zenk::MutexLock lock(m_registryMutex);
+    const auto entry = m_urlMap.find(clientId);
+    if (entry == m_urlMap.end()) return false;
+    try {
+        url = entry->second;
+    } catch (const std::exception&) {
+        return false;
+    }
+    return true;
+}
+
+static std::string fullUri(lws* wsi) {
+    const char* const path = zenk_ws::lws_hdr_simple_ptr(wsi, zenk_ws::kTokenPath);
+    const char* const query = zenk_ws::lws_hdr_simple_ptr(wsi, zenk_ws::kTokenQuery);
+    std::string uri;
+    if (path != nullptr) uri = path;
+    // An empty query still has its "?".
+    if (query != nullptr) uri.append("?").append(query);
+    return uri;
+}
+
+void MediaSyncServer::noteHandshake() {
+    m_handshakeUri = fullUri(m_wsi);
+    m_handshakeWsi = m_wsi;
+}
+
+std::string MediaSyncServer::takeHandshakeUri() {
+    const bool isBuilt = m_handshakeWsi == m_wsi;
+    m_handshakeWsi = nullptr;
+    return isBuilt ? std::move(m_handshakeUri) : fullUri(m_wsi);
+}
+
+void MediaSyncServer::holdClient(int clientId, bool isHeld) {
+    zenk::MutexLock instanceLock(instanceMutex());
+    MediaSyncServer* const instance = loadShared(m_instance);
+    if (instance == nullptr) return;
+    zenk::MutexLock lock(instance->m_registryMutex);
+    const auto client = instance->m_clientMap.find(clientId);
+    if (client != instance->m_clientMap.end()) zenk_ws::lws_rx_flow_control(client->second, isHeld ? 0 : 1);
+}
+
+// ---------------------------------------------------------------- tokens
+
+// Never destroyed: a callback may ask for a URL while the process exits.
+std::string& MediaSyncServer::m_local_random = *new std::string;
+std::string& MediaSyncServer::m_remote_random = *new std::string;
+std::string& MediaSyncServer::m_sync_random = *new std::string;
+std::string& MediaSyncServer::m_css_random = *new std::string;
+
+void MediaSyncServer::createRandom() {
+    std::srand(static_cast<unsigned>(std::time(nullptr)));
+    try {
+        std::string local = randomToken(), remote = randomToken(), sync = randomToken();
+        m_local_random.swap(local);
+        m_remote_random.swap(remote);
+        m_sync_random.swap(sync);
+    } catch (const std::exception&) {
+        // No memory: all of them stay as they are, since partners must differ in nothing else.
+    }
+}
