@@ -97,7 +97,7 @@ MediaSyncServer* MediaSyncServer::getInstance() {
 
 int MediaSyncServer::onFilterConnection() {
     const Trace trace;
-    noteHandshake();
+    beginHandshake();
     if (isPairingUri(m_handshakeUri)) return 0;
 
     zenk::ObserverList::Walk walk(m_observerList);
@@ -121,6 +121,7 @@ void MediaSyncServer::onConnect() {
     }
     zenk::ObserverList::Walk walk(m_observerList);
     while (ClientObserver* const observer = walk.next()) observer->onNewClient(fulluri.data(), id);
+    if (wasSwept()) zenk_ws::lws_close(m_wsi, zenk::kStatusGoingAway);
     trace.leave();
 }
 
@@ -185,6 +186,7 @@ int MediaSyncServer::observerSendMessageAll(char* message, int length, int clien
 
 void MediaSyncServer::observerCloseClientConnection(int clientId) {
     const Trace trace;
+    if (clientId == zenk::kEveryClient) sweepHandshake();  // first, so that it is seen there or found registered
     const bool isKnown = forClients(clientId, [](int, lws* wsi) {
         if (wsi != nullptr) zenk_ws::lws_close(wsi, zenk::kStatusGoingAway);
     });

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -214,8 +214,10 @@ private:
     ZENK_HIDDEN int forgetConnection(int socketFd);
     ZENK_HIDDEN int clientIdOf(int socketFd);
     ZENK_HIDDEN const char* urlOf(int clientId);
-    ZENK_HIDDEN void noteHandshake();
+    ZENK_HIDDEN void beginHandshake();
     ZENK_HIDDEN std::string takeHandshakeUri();
+    ZENK_HIDDEN void sweepHandshake();
+    ZENK_HIDDEN bool wasSwept();
     template <typename Action>
     ZENK_HIDDEN bool forClients(int clientId, const Action& action);
 
@@ -247,20 +249,22 @@ public:
     bool enablePairing;
 
 private:
-    static constexpr std::size_t kRetiredUrls = 256;  // how many closes a text of getUrl() survives
+    static constexpr std::uint32_t kRetiredUrls = 256;  // how many closes a text of getUrl() survives
 
     std::map<int, std::string> m_urlMap ZENK_GUARDED_BY(m_registryMutex);  // client id to full URI
 
     zenk::Mutex m_registryMutex;
     std::array<std::map<int, std::string>::node_type, kRetiredUrls> m_retiredUrls ZENK_GUARDED_BY(m_registryMutex);
-    std::size_t m_nextRetired ZENK_GUARDED_BY(m_registryMutex) = 0;
+    std::uint32_t m_nextRetired ZENK_GUARDED_BY(m_registryMutex) = 0;
+    // A client between filter and registration must not slip through a closing of everybody.
+    bool m_isHandshakeSwept ZENK_GUARDED_BY(m_registryMutex) = false;
 
     zenk::ObserverList m_observerList;      // keeps m_observers
     std::unique_ptr<PairedApps> m_pairing;  // keeps m_pairedApps, with an index beside it; service thread
 
     // The URI built at the filter event waits here for the established event of the same connection; service thread.
     std::string m_handshakeUri;
-    const lws* m_handshakeWsi = nullptr;
+    const lws* m_handshakeWsi ZENK_GUARDED_BY(m_registryMutex) = nullptr;  // from the filter to the registration
 };
 
 /// The receiver's IPv4 address: that of the interface which the first complete line of /proc/net/route names.

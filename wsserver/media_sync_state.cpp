@@ -94,6 +94,7 @@ int MediaSyncServer::registerConnection(int socketFd, const std::string& uri) {
         throw;
     }
     mClientIdIndex = id;
+    m_handshakeWsi = nullptr;
     return id;
 }
 
@@ -107,7 +108,7 @@ int MediaSyncServer::forgetConnection(int socketFd) {
     m_fdMap.erase(entry);
     // A text that getUrl() has just given out must not vanish under its reader.
     m_retiredUrls[m_nextRetired] = m_urlMap.extract(id);
-    m_nextRetired = (m_nextRetired + 1) % m_retiredUrls.size();
+    m_nextRetired = (m_nextRetired + 1) % kRetiredUrls;
     return id;
 }
 
@@ -146,15 +147,26 @@ static std::string fullUri(lws* wsi) {
     return uri;
 }
 
-void MediaSyncServer::noteHandshake() {
+void MediaSyncServer::beginHandshake() {
     m_handshakeUri = fullUri(m_wsi);
+    const zenk::MutexLock lock(m_registryMutex);
     m_handshakeWsi = m_wsi;
+    m_isHandshakeSwept = false;
 }
 
 std::string MediaSyncServer::takeHandshakeUri() {
-    const bool isBuilt = m_handshakeWsi == m_wsi;
-    m_handshakeWsi = nullptr;
-    return isBuilt ? std::move(m_handshakeUri) : fullUri(m_wsi);
+    const zenk::MutexLock lock(m_registryMutex);
+    return m_handshakeWsi == m_wsi ? std::move(m_handshakeUri) : fullUri(m_wsi);
+}
+
+void MediaSyncServer::sweepHandshake() {
+    const zenk::MutexLock lock(m_registryMutex);
+    m_isHandshakeSwept = m_handshakeWsi != nullptr;
+}
+
+bool MediaSyncServer::wasSwept() {
+    const zenk::MutexLock lock(m_registryMutex);
+    return std::exchange(m_isHandshakeSwept, false);
 }
 
 void MediaSyncServer::holdClient(int clientId, bool isHeld) {

@@ -191,6 +191,26 @@ TYPED_TEST(CssServer, UnregisteringWaitsForTheCallback) {
 
 using CssServers = Clients;
 
+TEST_F(CssServers, CloseAClientWhoseHandshakeIsUnderWayWhenTheyAreDisabled) {
+    ZenkCSSCIIServer css;
+    server.addObserver(&css);
+    css.setEnableInterDevSync(true);
+    lws *const swept = zenk_test::openConnection(7, "/css-cii"), *const app =
+                                                                     zenk_test::openConnection(8, "/local/hbbtv/");
+    for (lws* wsi : {swept, app}) {
+        EXPECT_EQ(filter(wsi), 0);
+        css.setEnableInterDevSync(false);
+        establish(wsi);
+        css.setEnableInterDevSync(true);
+    }
+    using zenk_test::Action;
+    EXPECT_EQ(zenk_test::takeActions(), (std::vector<Action>(2, {Action::kClose, swept, 1001, ""})))
+        << "by both sweeps";
+    close(swept);
+    EXPECT_EQ(css.ciiClientIdExists(1), 0);
+    delete ZenkCSSEventDispatcher::m_instance;
+}
+
 TEST_F(CssServers, ShareAClientButNotTheirCounts) {
     setenv("VEL_CONFIG_FILE", "/nowhere", 1);
     ZenkCSSCIIServer cii;
