@@ -1,0 +1,133 @@
+"""zenk_receiver as a process of its own, and what else the system tests share. Nothing here waits for a fixed time."""
+import contextlib
+import ctypes
+import os
+import pathlib
+import queue
+import random
+import re
+import socket
+import subprocess
+import threading
+import time
+import urllib.parse
+
+import websockets
+
+BUILD = pathlib.Path(os.environ.get("ZENK_BUILD_DIR", "build"))
+PATIENCE = 20  # seconds; enough for a loaded machine under a sanitizer, and a test that passes never waits for it
+IS_SANITIZED = bool(os.environ.get("ZENK_SANITIZE"))
+COLOUR = re.compile(r"\x1b\[[0-9;]*m")
+
+
+def free_port():
+    """Free for TCP and UDP, and below the range from which the system takes the ports of outgoing connections."""
+    while True:
+        port = random.randrange(10000, 32000)
+        with contextlib.suppress(OSError), socket.socket() as tcp, socket.socket(type=socket.SOCK_DGRAM) as udp:
+            tcp.bind(("", port))
+            udp.bind(("", port))
+            return port
+
+
+def wait_until(condition, patience=PATIENCE):
+    """The first true value of `condition`, or its last value at the deadline."""
+    deadline = time.monotonic() + patience
+    while not (value := condition()) and time.monotonic() < deadline:
+        time.sleep(0.01)
+    return value
+
+
+def enter_own_network():
+    """A network with nothing but a loopback interface, for this process and its children. False: not allowed here."""
+    if ctypes.CDLL(None).unshare(0x40000000) != 0:  # CLONE_NEWNET
+        return False
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    return True
+
+
+def connect(url, **options):
+    """A client of python3-websockets that asks for nothing but the connection."""
+    return websockets.connect(url, **{"ping_interval": None, "max_size": None, "compression": None,
+                                      "open_timeout": PATIENCE, "close_timeout": PATIENCE, **options})
+
+
+class Program:
+    """A running program. Its output is read all the time, so it never waits for us. Use with `with`."""
+
+    def __init__(self, *command, environment=None, **options):
+        self.process = subprocess.Popen([str(word) for word in command], env={**os.environ, **(environment or {})},
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        text=True, errors="replace", **options)
+        self.pid = self.process.pid
+        self._lines = queue.Queue()
+        self._errors = []
+        self._readers = [threading.Thread(target=self._read), threading.Thread(target=self._read_errors)]
+        for reader in self._readers:
+            reader.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self._lines.put(COLOUR.sub("", line).rstrip("\n"))
+        self._lines.put(None)
+
+    def _read_errors(self):
+        self._errors.extend(self.process.stderr)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.exit_code()
+        for reader in self._readers:
+            reader.join()
+        self.process.stdout.close()
+        self.process.stderr.close()
+
+    def line(self, prefix="", patience=PATIENCE):
+        """The next line of standard output with this beginning; None at the end of the output or at the deadline."""
+        deadline = time.monotonic() + patience
+        with contextlib.suppress(queue.Empty):
+            while (line := self._lines.get(timeout=max(0, deadline - time.monotonic()))) is not None:
+                if line.startswith(prefix):
+                    return line
+            self._lines.put(None)
+        return None
+
+    def exit_code(self, patience=PATIENCE):
+        """-N when signal N ended it. Raises at the deadline."""
+        return self.process.wait(patience)
+
+    def end(self, number):
+        self.process.send_signal(number)
+        return self.exit_code()
+
+    def errors(self):
+        """All of standard error, once the program has ended."""
+        self._readers[1].join(PATIENCE)
+        return "".join(self._errors)
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+
+class Host(Program):
+    """zenk_receiver on free ports, ready to serve unless `ready` says not to wait for it. `urls` has its URLs by name."""
+
+    def __init__(self, *arguments, ready=True, **options):
+        self.port, self.wc_port = free_port(), free_port()
+        super().__init__(BUILD / "zenk_receiver", "--port", self.port, "--wc-port", self.wc_port, *arguments, **options)
+        self.urls = {}
+        while ready and (line := self.line()) != "ready":
+            if line is None:
+                self.__exit__()
+                raise RuntimeError("zenk_receiver did not get ready: " + self.errors())
+            name, _, rest = line.partition(" ")
+            if "://" in rest:
+                self.urls[name] = rest
+
+    def at(self, name_or_path):
+        """The URL of a service, or of a path, at the loopback address."""
+        path = urllib.parse.urlsplit(self.urls.get(name_or_path, name_or_path)).path
+        return f"ws://127.0.0.1:{self.port}{path}"
