@@ -87,14 +87,13 @@ void Connection::onGone() {
 void Connection::write(std::span<const std::uint8_t> payload, int type, Connection* sender) {
     const FrameHeader header = makeFrameHeader(payload.size(), type);
     const std::size_t frameBytes = header.size + payload.size();
-    if (frameBytes >= limits().earlyFlushBytes && writeInPlace(header, payload, sender)) {
-        limitBacklog(sender);
-        return;
+    if (sender == nullptr) m_hostQueued += Context::hostMessageCost(payload.size());
+    if (frameBytes < limits().earlyFlushBytes || !writeInPlace(header, payload, sender)) {
+        m_queue.append(header, payload, limits().earlyFlushBytes);
+        m_context.flushLater(*this);
+        if (m_queue.bytes() >= limits().earlyFlushBytes && m_inLibrary == 0) m_context.flushThrough(*this);
     }
-    m_queue.append(header, payload, limits().earlyFlushBytes);
-    m_context.flushLater(*this);
-    if (m_queue.bytes() >= limits().earlyFlushBytes && m_inLibrary == 0) m_context.flushThrough(*this);
-    limitBacklog(sender);
+    if (sender != nullptr) limitBacklog(*sender);
 }
 
 /// Sends a large message from the sender's record, without a copy: the few bytes in front of it are lent for the
@@ -129,6 +128,12 @@ bool Connection::sendRaw(std::span<std::uint8_t> bytes) {
 }
 
 bool Connection::pump() {
+    const bool hasAllGone = sendQueue();
+    settleHostBytes();
+    return hasAllGone;
+}
+
+bool Connection::sendQueue() {
     std::size_t turn = limits().turnBytes;
     // Never more than one raw write into what libwebsockets holds: a second one would corrupt the stream.
     while (!m_isDead && ::lws_partial_buffered(m_wsi) == 0) {
@@ -151,17 +156,17 @@ std::size_t Connection::backlog() const {
     return m_queue.bytes() + m_inLibrary;
 }
 
-void Connection::limitBacklog(Connection* sender) {
-    const Limits& limit = limits();
-    if (sender != nullptr) {
-        const std::size_t mark = sender->m_hasPeerFinished ? limit.finishedSenderBytes : limit.highWaterBytes;
-        if (backlog() > mark) holdSender(*sender);
-        return;
-    }
-    if (backlog() <= limit.hostWriteBytes || m_isDead) return;
-    _lws_log(kLogError, "cutting a client that does not read: %zu bytes wait for it\n", backlog());
-    m_queue.clear();
-    kill();
+void Connection::limitBacklog(Connection& sender) {
+    const std::size_t mark = sender.m_hasPeerFinished ? limits().finishedSenderBytes : limits().highWaterBytes;
+    if (backlog() > mark) holdSender(sender);
+}
+
+/// Frames of the host and of a partner wait in one queue; what is left of it counts as the host's up to what was.
+void Connection::settleHostBytes() {
+    const std::size_t left = std::min(m_hostQueued, backlog());
+    if (left == m_hostQueued) return;
+    m_context.takeOff(*this, m_hostQueued - left);
+    m_hostQueued = left;
 }
 
 // ---------------------------------------------------------------- back-pressure

@@ -72,18 +72,21 @@ public:
     /// Finds peers that have vanished without a word.
     void heartbeat(LoopClock::time_point now);
 
-    // For the context: the places in its lists; and, under the context's lock, what other threads have asked to send
-    // and is not queued yet, and whether there was no memory for a request.
+    // For the context: the places in its lists; and, under the context's lock, what the host has sent and the client
+    // has not taken, how much of it is one message that nothing waits before, and why the client is to be cut, if so.
     std::ptrdiff_t m_flushIndex = -1;
     bool m_isWatched = false;
-    std::size_t m_requestedBytes = 0;
-    bool m_hasLostRequest = false;
+    std::size_t m_hostBytes = 0;
+    std::size_t m_hostFirstBytes = 0;
+    const char* m_cutReason = nullptr;
 
 private:
     bool writeInPlace(const FrameHeader& header, std::span<const std::uint8_t> payload, const Connection* sender);
     bool sendRaw(std::span<std::uint8_t> bytes);
+    bool sendQueue();
     std::size_t backlog() const;
-    void limitBacklog(Connection* sender);
+    void limitBacklog(Connection& sender);
+    void settleHostBytes();
 
     void holdSender(Connection& sender);
     void releaseSenders();
@@ -108,6 +111,7 @@ private:
 
     // Sending.
     SendQueue m_queue;
+    std::size_t m_hostQueued = 0;        // what of m_hostBytes is queued here, as far as that can be told
     std::size_t m_inLibrary = 0;         // bytes of the last raw write while libwebsockets holds a rest of it
     std::uint64_t m_bytesAcked = 0;      // as the kernel counted them at the last look
     LoopClock::time_point m_progressAt;  // when the peer last took something

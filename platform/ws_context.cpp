@@ -3,8 +3,6 @@
 #include <ev.h>
 
 #include <algorithm>
-#include <exception>
-#include <utility>
 
 #include "platform/ws_limits.h"
 
@@ -34,17 +32,6 @@ private:
     Context* const m_before;
 };
 
-/// The contexts that other threads can reach. Never destroyed, since threads may outlive main().
-struct OpenContexts {
-    zenk::Mutex mutex;  // taken before the lock of a context
-    std::vector<Context*> list ZENK_GUARDED_BY(mutex);
-};
-
-OpenContexts& openContexts() {
-    static OpenContexts* const contexts = new OpenContexts;
-    return *contexts;
-}
-
 }  // namespace
 
 Limits& limits() {
@@ -58,19 +45,6 @@ Context* Context::current() {
 
 // ---------------------------------------------------------------- life
 
-/// What fails for a connection is memory. Then it is ended, since its peer would miss something; the others go on.
-template <typename Work>
-bool Context::doFor(Connection& connection, Work&& work) {
-    try {
-        work(connection);
-        return true;
-    } catch (const std::exception& error) {
-        _lws_log(kLogError, "ending a connection: %s\n", error.what());
-        connection.kill();
-        return false;
-    }
-}
-
 std::unique_ptr<Context> Context::create(const lws_context_creation_info& info) {
     std::unique_ptr<Context> context(new Context(info));
     if (!limits().mayUseLibev || !context->open(info, true)) {
@@ -78,13 +52,7 @@ std::unique_ptr<Context> Context::create(const lws_context_creation_info& info) 
         _lws_log(kLogNotice, "libwebsockets has no libev plug-in here; serving with poll, slower with many clients\n");
     }
     context->startTick();
-    {
-        zenk::MutexLock lock(context->m_mutex);
-        context->m_isOpenForRequests = true;
-    }
-    OpenContexts& contexts = openContexts();
-    zenk::MutexLock lock(contexts.mutex);
-    contexts.list.push_back(context.get());
+    context->beReachable();
     return context;
 }
 
@@ -140,17 +108,8 @@ Context::~Context() {
 
 void Context::stop() {
     const ServiceScope scope(this);
-    {
-        OpenContexts& contexts = openContexts();
-        zenk::MutexLock lock(contexts.mutex);
-        std::erase(contexts.list, this);
-    }
+    beUnreachable();
     sayGoodbye();
-    {
-        zenk::MutexLock lock(m_mutex);
-        m_isOpenForRequests = false;
-        m_requests.clear();
-    }
     m_isStopping = true;
     ::lws_sul_cancel(&m_tick.timer);
     ::lws_context_destroy(m_lws);  // raises the close events that are left
@@ -256,7 +215,8 @@ Connection* Context::find(::lws* wsi) {
 
 int Context::write(Connection& connection, std::span<const std::uint8_t> payload, int type) {
     serveRequests();  // they were made before this call
-    if (!connection.acceptsWrites()) return -1;
+    const bool isTheHosts = m_receiving == nullptr;
+    if (!connection.acceptsWrites() || (isTheHosts && !admitHostMessage(connection, payload.size()))) return -1;
     const bool isQueued = doFor(connection, [&](Connection& to) { to.write(payload, type, m_receiving); });
     return isQueued ? static_cast<int>(payload.size()) : -1;
 }
@@ -274,113 +234,7 @@ void Context::setReading(Connection& connection, bool isOn) {
 void Context::setPhase(Connection& connection, Connection::Phase phase) {
     zenk::MutexLock lock(m_mutex);
     connection.setPhase(phase);
-}
-
-// ---------------------------------------------------------------- other threads' requests
-
-int Context::postWrite(::lws* wsi, std::span<const std::uint8_t> payload, int type) {
-    Request request{wsi, 0, Request::Kind::Write, type, {}};
-    try {
-        request.payload.assign(payload.begin(), payload.end());
-    } catch (const std::exception&) {
-        request.kind = Request::Kind::Cut;  // the peer would miss a message
-    }
-    return post(wsi, std::move(request));
-}
-
-void Context::postClose(::lws* wsi, int status) {
-    post(wsi, {wsi, 0, Request::Kind::Close, status, {}});
-}
-
-void Context::postReading(::lws* wsi, bool isOn) {
-    post(wsi, {wsi, 0, Request::Kind::Reading, isOn ? 1 : 0, {}});
-}
-
-int Context::post(::lws* wsi, Request request) {
-    const int bytes = static_cast<int>(request.payload.size());
-    OpenContexts& contexts = openContexts();
-    zenk::MutexLock lock(contexts.mutex);
-    for (Context* const context : contexts.list) {
-        zenk::MutexLock contextLock(context->m_mutex);
-        if (context->take(wsi, request)) return bytes;
-    }
-    return -1;
-}
-
-/// @return false when the connection is none of ours, or takes no such request any more
-bool Context::take(::lws* wsi, Request& request) {
-    if (!m_isOpenForRequests) return false;
-    Connection* const connection = find(wsi);
-    if (connection == nullptr || !connection->acceptsWrites()) return false;
-    request.serial = connection->serial();
-    const std::size_t requestedBytes = connection->m_requestedBytes + request.payload.size();
-    if (requestedBytes > limits().hostWriteBytes) request.kind = Request::Kind::Cut;
-    bool isEnd = request.kind == Request::Kind::Close || request.kind == Request::Kind::Cut;
-    try {
-        m_requests.push_back(std::move(request));
-    } catch (const std::exception&) {
-        connection->m_hasLostRequest = m_hasLostRequest = isEnd = true;
-    }
-    connection->m_requestedBytes = requestedBytes;
-    if (isEnd) connection->setPhase(Connection::Phase::Closing);  // the writes behind this call are dropped
-    // The loop is woken once, not once per request.
-    if (!m_hasRequests.exchange(true, std::memory_order_acq_rel)) ::lws_cancel_service(m_lws);
-    return true;
-}
-
-void Context::serveRequests() {
-    if (!m_hasRequests.load(std::memory_order_acquire)) return;
-    std::vector<Request> requests;
-    bool hasLostSome = false;
-    {
-        zenk::MutexLock lock(m_mutex);
-        requests.swap(m_requests);
-        hasLostSome = std::exchange(m_hasLostRequest, false);
-        m_hasRequests.store(false, std::memory_order_release);
-        for (const Request& request : requests) {
-            Connection* const connection = find(request.wsi);
-            if (connection != nullptr) connection->m_requestedBytes = 0;
-        }
-    }
-    for (const Request& request : requests) serveRequest(request);
-    if (hasLostSome) endThoseWithLostRequests();
-}
-
-/// There was no memory even for the request. A message, a close or a resumption would be missing for ever.
-void Context::endThoseWithLostRequests() {
-    for (const auto& [wsi, connection] : m_connections) {
-        {
-            zenk::MutexLock lock(m_mutex);
-            if (!std::exchange(connection->m_hasLostRequest, false)) continue;
-        }
-        _lws_log(kLogError, "ending a connection: no memory for what is asked of it\n");
-        connection->kill();
-    }
-}
-
-void Context::serveRequest(const Request& request) {
-    Connection* const connection = find(request.wsi);
-    if (connection == nullptr || connection->serial() != request.serial) return;
-    if (connection->phase() == Connection::Phase::Ended) return;
-    doFor(*connection, [&request](Connection& each) { serveRequest(each, request); });
-}
-
-void Context::serveRequest(Connection& connection, const Request& request) {
-    switch (request.kind) {
-        case Request::Kind::Write:
-            connection.write(request.payload, request.value, nullptr);
-            break;
-        case Request::Kind::Close:
-            connection.startClose(request.value);
-            break;
-        case Request::Kind::Reading:
-            connection.setCallerHold(request.value == 0);
-            break;
-        case Request::Kind::Cut:
-            _lws_log(kLogError, "cutting a client that is sent more than it can be given\n");
-            connection.kill();
-            break;
-    }
+    if (phase == Connection::Phase::Ended) takeOffAll(connection);
 }
 
 }  // namespace zenk_ws

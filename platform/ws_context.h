@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <unordered_map>
 #include <unordered_set>
@@ -53,10 +54,14 @@ public:
     void flushThrough(Connection& last);
     void watch(Connection& connection);
     void setPhase(Connection& connection, Connection::Phase phase);
+    /// What a host message counts for while it waits: an empty one takes memory, too.
+    static std::size_t hostMessageCost(std::size_t payloadBytes);
+    /// So much of what the host has sent does not wait any more.
+    void takeOff(Connection& connection, std::size_t hostBytes);
 
 private:
     struct Request {
-        enum class Kind { Write, Close, Reading, Cut };
+        enum class Kind { Write, Close, Reading, Lost };
         ::lws* wsi;
         std::uint64_t serial;  // the address can name a newer connection by the time the request is served
         Kind kind;
@@ -86,6 +91,9 @@ private:
     template <typename Work>
     static bool doFor(Connection& connection, Work&& work);
 
+    void beReachable();
+    void beUnreachable();
+
     void runLoopOnce();
     void flushAll();
     void flushUpTo(std::size_t end);
@@ -95,10 +103,18 @@ private:
 
     static int post(::lws* wsi, Request request);
     bool take(::lws* wsi, Request& request) ZENK_REQUIRES(m_mutex);
+    bool keep(Request& request) ZENK_REQUIRES(m_mutex);
+    void wake();
     void serveRequests();
-    void endThoseWithLostRequests();
     void serveRequest(const Request& request);
     static void serveRequest(Connection& connection, const Request& request);
+
+    bool admitHostMessage(Connection& to, std::size_t payloadBytes) ZENK_EXCLUDES(m_mutex);
+    bool admit(Connection& to, std::size_t payloadBytes) ZENK_REQUIRES(m_mutex);
+    void keepTotal(const Connection* spared) ZENK_REQUIRES(m_mutex);
+    void cutLater(Connection& connection, const char* reason) ZENK_REQUIRES(m_mutex);
+    void takeOffAll(Connection& connection) ZENK_REQUIRES(m_mutex);
+    void cutThoseToBeCut();
 
     const lws_protocols* const m_upper;
     std::array<::lws_protocols, 2> m_protocols;
@@ -107,13 +123,14 @@ private:
     ::lws_context* m_lws = nullptr;
     Tick m_tick{};
 
-    // Taken after any lock of a caller. Guards what other threads reach: the requests; the map and the phases against
-    // changes, which the service thread makes under it while it reads them without.
+    // Taken after any lock of a caller. Guards what other threads reach: the requests and what waits of the host's
+    // messages; the map and the phases against changes, which the service thread makes under it while it reads them
+    // without.
     zenk::Mutex m_mutex;
     std::vector<Request> m_requests ZENK_GUARDED_BY(m_mutex);
-    bool m_hasLostRequest ZENK_GUARDED_BY(m_mutex) = false;  // of some connection
+    std::size_t m_hostBytes ZENK_GUARDED_BY(m_mutex) = 0;  // of all connections
+    bool m_hasThoseToCut ZENK_GUARDED_BY(m_mutex) = false;
     std::atomic<bool> m_hasRequests{false};
-    bool m_isOpenForRequests ZENK_GUARDED_BY(m_mutex) = false;
 
     // The rest is the service thread's.
     std::unordered_map<::lws*, std::unique_ptr<Connection>> m_connections;
@@ -130,5 +147,18 @@ private:
     std::size_t m_announced = 0;
     bool m_isStopping = false;
 };
+
+/// What fails for a connection is memory. Then it is ended, since its peer would miss something; the others go on.
+template <typename Work>
+bool Context::doFor(Connection& connection, Work&& work) {
+    try {
+        work(connection);
+        return true;
+    } catch (const std::exception& error) {
+        _lws_log(kLogError, "ending a connection: %s\n", error.what());
+        connection.kill();
+        return false;
+    }
+}
 
 }  // namespace zenk_ws

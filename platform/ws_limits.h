@@ -17,8 +17,10 @@ struct Limits {
     std::size_t lowWaterBytes = 64 * kKiB;
     // A sender that has finished can leave as much as its socket's receive buffer holds; it must be read to be kept.
     std::size_t finishedSenderBytes = 6 * kMiB;
-    // For writes without a sender to slow down.
+    // For writes without a sender to slow down: what may wait for one client behind the message that is on its way, and
+    // for all of them.
     std::size_t hostWriteBytes = 8 * kMiB;
+    std::size_t hostTotalBytes = 64 * kMiB;
     // What one connection may send in one turn, so that a fast reader does not hold the loop.
     std::size_t turnBytes = 256 * kKiB;
 

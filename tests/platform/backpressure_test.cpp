@@ -1,6 +1,7 @@
 // A reader that stalls costs bounded memory, loses nothing, and is nobody else's trouble.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -10,6 +11,7 @@
 #include "tests/support/net_util.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/sanitizer.h"
+#include "tests/support/ws_client.h"
 
 namespace zenk_test {
 namespace {
@@ -104,6 +106,64 @@ TEST_F(Backpressure, CutsAReaderThatTheHostFloods) {
     EXPECT_TRUE(isCut);
     expectGrowthBelow(before, std::size_t{32} * 1024 * 1024);
     EXPECT_EQ(m_sender.receive(4), "\x88\x02\x03\xE8"sv);
+}
+
+/// What a host sends while the service thread is busy.
+class HostBurst : public LayerTest {
+protected:
+    void SetUp() override {
+        serve();
+        m_server->onPiece = [this](lws*, const std::string&, const std::string&) {
+            m_isBusy = true;
+            waitUntil([this] { return m_mayGoOn.load(); });
+        };
+        ASSERT_TRUE(m_first.connect(m_port, "/l/first"));
+        ASSERT_TRUE(m_second.connect(m_port, "/l/second"));
+        ASSERT_NE(connectionOf("/l/second"), nullptr);
+        m_first.sendText("be busy");
+        ASSERT_TRUE(waitUntil([this] { return m_isBusy.load(); }));
+    }
+    int send(const char* to, std::size_t bytes) {
+        const std::string load(bytes, 'h');
+        return zenk_ws::lws_write(m_server->connection(to), load.data(), static_cast<int>(bytes), zenk_ws::kWriteText);
+    }
+    /// @return the length of the next message, or -1 when there comes none
+    static int takenBy(WsClient& client) {
+        const auto message = client.receive();
+        return message ? static_cast<int>(message->data.size()) : -1;
+    }
+
+    std::atomic<bool> m_isBusy = false, m_mayGoOn = false;
+    WsClient m_first, m_second;
+};
+
+TEST_F(HostBurst, TakesAnyMessageThatNothingWaitsBefore) {
+    send("/l/first", 20'000'000);
+    send("/l/first", 1);
+    m_mayGoOn = true;
+    EXPECT_EQ(takenBy(m_first), 20'000'000);
+    EXPECT_EQ(takenBy(m_first), 1);
+}
+
+TEST_F(HostBurst, CutsWhomItBringsMoreThanTheMark) {
+    int sent = 0;
+    while (sent < 200'000 && send("/l/first", 0) == 0) ++sent;
+    EXPECT_LT(sent, 200'000) << "messages without a byte fill the memory";
+    send("/l/second", 100'000);
+    m_mayGoOn = true;
+    EXPECT_EQ(takenBy(m_first), -1);
+    EXPECT_EQ(takenBy(m_second), 100'000);
+}
+
+TEST_F(HostBurst, CutsWhoHasMostWhenAllTogetherHaveTooMuch) {
+    zenk_ws::limits().hostTotalBytes = 6'000'000;
+    send("/l/first", 4'000'000);
+    send("/l/second", 1'000'000);
+    EXPECT_EQ(send("/l/second", 1'500'000), 1'500'000);
+    m_mayGoOn = true;
+    EXPECT_EQ(takenBy(m_first), -1);
+    EXPECT_EQ(takenBy(m_second), 1'000'000);
+    EXPECT_EQ(takenBy(m_second), 1'500'000);
 }
 
 TEST_F(Backpressure, SlowsAClientDownThatFloodsItself) {
