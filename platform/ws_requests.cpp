@@ -179,8 +179,10 @@ bool Context::admit(Connection& to, std::size_t payloadBytes) {
     return to.acceptsWrites();
 }
 
+/// @param spared  whose only message is of any length, so that it may not be another's end; null for none
 void Context::keepTotal(const Connection* spared) {
-    while (m_hostBytes > limits().hostTotalBytes) {
+    const std::size_t sparedBytes = spared == nullptr ? 0 : spared->m_hostBytes;
+    while (m_hostBytes - sparedBytes > limits().hostTotalBytes) {
         Connection* most = nullptr;
         for (const auto& [wsi, each] : m_connections) {
             if (each.get() == spared || each->m_hostBytes == 0) continue;

@@ -145,6 +145,15 @@ TEST_F(HostBurst, TakesAnyMessageThatNothingWaitsBefore) {
     EXPECT_EQ(takenBy(m_first), 1);
 }
 
+TEST_F(HostBurst, CutsNobodyElseForTheLengthOfOneMessage) {
+    zenk_ws::limits().hostTotalBytes = 6'000'000;
+    send("/l/second", 1'000'000);
+    send("/l/first", 20'000'000);
+    m_mayGoOn = true;
+    EXPECT_EQ(takenBy(m_second), 1'000'000);
+    EXPECT_EQ(takenBy(m_first), 20'000'000);
+}
+
 TEST_F(HostBurst, CutsWhomItBringsMoreThanTheMark) {
     int sent = 0;
     while (sent < 200'000 && send("/l/first", 0) == 0) ++sent;
