@@ -16,6 +16,7 @@
 
 #include "platform/zenk_websockets.h"
 #include "wsserver/cancellation.h"
+#include "wsserver/constants.h"
 #include "wsserver/utf8_cut.h"
 
 static_assert(kSessionHeadroom == zenk_ws::kHeadroom);
@@ -24,8 +25,6 @@ namespace {
 
 constexpr int kServiceWaitMs = 10;            // also how long a stop may go unnoticed
 constexpr std::size_t kLargeMessage = 16384;  // from here on the pages are worth giving back
-constexpr int kHttpUnavailable = 503;
-constexpr int kStatusInternalError = 1011;  // RFC 6455, 7.4.1
 
 Client* g_client = nullptr;       // written by startWebSocketServer before it serves, read on the service thread
 std::atomic<int> g_forceExit{0};  // set by sighandler, never cleared
@@ -159,8 +158,8 @@ int dispatchEvent(lws* wsi, int reason, void* user, void* in, std::size_t len) {
 // nobody would hear of it; all else goes on.
 int resultAfterException(lws* wsi, int reason, const char* what) {
     zenk_ws::_lws_log(zenk_ws::kLogError, "event %d ended with an exception: %s\n", reason, what);
-    if (reason == zenk_ws::kEventEstablished) zenk_ws::lws_close(wsi, kStatusInternalError);
-    return reason == zenk_ws::kEventFilterProtocolConnection ? kHttpUnavailable : 0;
+    if (reason == zenk_ws::kEventEstablished) zenk_ws::lws_close(wsi, zenk::kStatusInternalError);
+    return reason == zenk_ws::kEventFilterProtocolConnection ? zenk::kHttpUnavailable : 0;
 }
 
 // The unwinding of a thread that ends is no C++ object; the compiler's check for null references would misfire on it.

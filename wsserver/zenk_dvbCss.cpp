@@ -18,6 +18,7 @@
 
 #include "wsserver/cancellation.h"
 #include "wsserver/css_event_line.h"
+#include "wsserver/socket.h"
 #include "wsserver/trace.h"
 #include "wsserver/wall_clock.h"
 
@@ -630,25 +631,6 @@ bool change(unsigned char& flag, bool value) {
     return (std::atomic_ref(flag).exchange(value ? 1 : 0) != 0) != value;
 }
 
-/// Owns a UDP socket that child processes of the host do not inherit.
-class UdpSocket {
-public:
-    UdpSocket() : m_fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
-    ~UdpSocket() { close(); }
-    UdpSocket(const UdpSocket&) = delete;
-    UdpSocket& operator=(const UdpSocket&) = delete;
-
-    int fd() const { return m_fd; }
-    bool isOpen() const { return m_fd != -1; }
-    void close() {
-        if (isOpen()) ::close(m_fd);
-        m_fd = -1;
-    }
-
-private:
-    int m_fd;
-};
-
 /// All interfaces, and the low-order 16 bits of the number that the text begins with (0 without a number).
 sockaddr_in anyAddress(const std::string& port) {
     using IntLimits = std::numeric_limits<int>;
@@ -770,7 +752,7 @@ void ZenkCSSWCServer::startWCServer() {
         return;
     }
     const sockaddr_in address = anyAddress(m_port);
-    UdpSocket socket;
+    zenk::Socket socket(SOCK_DGRAM);
     if (!socket.isOpen()) {
         ZENK_TRACE_ERROR();
         return;
@@ -819,7 +801,7 @@ void ZenkCSSWCServer::stopWCServer() {
         return;
     }
     const sockaddr_in address = anyAddress(m_port);
-    UdpSocket socket;
+    zenk::Socket socket(SOCK_DGRAM);
     if (!socket.isOpen()) {
         ZENK_TRACE_ERROR();
         return;
