@@ -16,7 +16,11 @@ public:
 
     explicit WallClockClient(int port) : m_socket(connectUdp(port)) {}
 
-    void send(const std::string& bytes) { ::send(m_socket.fd(), bytes.data(), bytes.size(), 0); }
+    void send(const std::string& bytes) {
+        // What became of the datagram before is told by this call, which then sends nothing.
+        const auto isSent = [&] { return ::send(m_socket.fd(), bytes.data(), bytes.size(), 0) >= 0; };
+        if (!isSent()) isSent();
+    }
     /// @return false when no datagram of a reply's length comes in time, or at once while nobody serves the port
     bool receive(Reply& reply, int flags = 0) {
         return recv(m_socket.fd(), reply.data(), reply.size(), flags | MSG_TRUNC) == static_cast<ssize_t>(reply.size());
