@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/faults/failing_allocations.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/pair.h"
 #include "wsserver/websocket_service.h"
 #include "wsserver/zenk_dvbCss.h"

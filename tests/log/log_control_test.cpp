@@ -11,8 +11,8 @@
 #include <string>
 
 #include "log/zenk_log.h"
-#include "tests/log/own_network.h"
 #include "tests/support/net_util.h"
+#include "tests/support/own_network.h"
 
 namespace {
 

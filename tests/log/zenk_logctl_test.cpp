@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "tests/log/own_network.h"
 #include "tests/support/net_util.h"
+#include "tests/support/own_network.h"
 
 namespace {
 

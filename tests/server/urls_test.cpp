@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/faults/failing_allocations.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/outside.h"
 #include "wsserver/local_address.h"
 #include "wsserver/media_sync_server.h"

@@ -63,19 +63,43 @@ bool RawClient::upgrade(int port, std::string_view target, Milliseconds patience
 std::string RawClient::receiveUntil(std::string_view until, Milliseconds patience) {
     const auto deadline = Clock::now() + patience;
     std::size_t end = std::string::npos;
-    while ((end = m_received.find(until)) == std::string::npos && readSome(deadline)) {
-    }
+    while ((end = m_received.find(until)) == std::string::npos && readSome(deadline)) continue;
     if (end == std::string::npos) return std::exchange(m_received, {});
     return receive(end + until.size(), Milliseconds(0));
 }
 
 std::string RawClient::receive(std::size_t count, Milliseconds patience) {
     const auto deadline = Clock::now() + patience;
-    while (m_received.size() < count && readSome(deadline)) {
-    }
+    fill(count, deadline);
     std::string taken = m_received.substr(0, count);
     m_received.erase(0, taken.size());
     return taken;
+}
+
+std::optional<Frame> RawClient::receiveFrame(Milliseconds patience) {
+    const auto deadline = Clock::now() + patience;
+    if (!fill(2, deadline)) return std::nullopt;
+    const auto form = static_cast<unsigned char>(m_received[1]);
+    const std::size_t head = form < 126 ? 2 : form == 126 ? 4 : 10;
+    if (form > 127 || !fill(head, deadline)) return std::nullopt;
+    const std::size_t length = form < 126 ? form : fromBigEndian(std::string_view(m_received).substr(2, head - 2));
+    if (!fill(head + length, deadline)) return std::nullopt;
+    Frame frame{static_cast<unsigned char>(m_received[0]), m_received.substr(head, length)};
+    m_received.erase(0, head + length);
+    return frame;
+}
+
+std::string RawClient::receiveText(Milliseconds patience) {
+    const std::optional<Frame> frame = receiveFrame(patience);
+    return frame && frame->first == (kFin | kText) ? frame->payload : "";
+}
+
+int RawClient::closeCode(Milliseconds patience) {
+    const auto deadline = Clock::now() + patience;
+    while (const auto frame = receiveFrame(std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()))) {
+        if (frame->first == (kFin | kClose)) return static_cast<int>(fromBigEndian(frame->payload.substr(0, 2)));
+    }
+    return kNoCloseFrame;
 }
 
 bool RawClient::waitForEnd(Milliseconds patience) {
@@ -105,13 +129,18 @@ bool RawClient::vanish() {
     return isAllowed;
 }
 
-bool RawClient::readSome(Clock::time_point deadline) {
+bool RawClient::readSome(Deadline deadline) {
     if (m_hasEnded || !waitFor(m_socket.fd(), POLLIN, deadline)) return false;
     std::array<char, 16384> buffer;
     const ssize_t count = recv(m_socket.fd(), buffer.data(), buffer.size(), 0);
     m_hasEnded = count <= 0;
     if (!m_hasEnded) m_received.append(buffer.data(), static_cast<std::size_t>(count));
     return !m_hasEnded;
+}
+
+bool RawClient::fill(std::size_t count, Deadline deadline) {
+    while (m_received.size() < count && readSome(deadline)) continue;
+    return m_received.size() >= count;
 }
 
 std::string clientFrame(int firstByte, std::string_view payload) {
@@ -131,6 +160,12 @@ std::string bigEndian(std::uint64_t value, int bytes) {
     std::string text;
     while (bytes-- > 0) text.push_back(static_cast<char>(value >> (8 * bytes)));
     return text;
+}
+
+std::uint64_t fromBigEndian(std::string_view bytes) {
+    std::uint64_t value = 0;
+    for (const char byte : bytes) value = value << 8 | static_cast<unsigned char>(byte);
+    return value;
 }
 
 std::string handshakeRequest(std::string_view target) {

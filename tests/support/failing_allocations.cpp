@@ -1,4 +1,4 @@
-#include "tests/faults/failing_allocations.h"
+#include "tests/support/failing_allocations.h"
 
 #include <atomic>
 #include <cstddef>
