@@ -78,23 +78,4 @@ private:
     bool m_hasEnded = false;
 };
 
-/// Two App2App clients that talk to each other.
-struct Pair {
-    RawClient local, remote;
-    int number = 0;
-
-    /// @return true when both sides have heard of each other
-    bool connect(int port, const std::string& endpoint = "witness") {
-        return local.upgrade(port, "/local/hbbtv/t/" + endpoint) &&
-               remote.upgrade(port, "/remote/hbbtv/t/" + endpoint) && local.receiveText() == "pairingcompleted" &&
-               remote.receiveText() == "pairingcompleted";
-    }
-    /// One message there and one back. @return false when either is lost or altered
-    bool exchange() {
-        const std::string text = "message " + std::to_string(++number);
-        return local.sendText(text) && remote.receiveText() == text && remote.sendText(text) &&
-               local.receiveText() == text;
-    }
-};
-
 }  // namespace zenk_test

@@ -4,11 +4,12 @@
 
 #include <atomic>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "tests/support/net_util.h"
+#include "tests/support/raw_client.h"
 #include "wsserver/media_sync_server.h"
 
 namespace zenk_test {
@@ -61,6 +62,25 @@ private:
     std::atomic<int> m_closed = 0, m_strays = 0;
     std::atomic<bool> m_hasEnded = false;
     std::thread m_thread;
+};
+
+/// Two App2App clients that talk to each other.
+struct Pair {
+    RawClient local, remote;
+    int number = 0;
+
+    /// @return true when both sides have heard of each other
+    bool connect(int port, const std::string& endpoint = "witness") {
+        return local.upgrade(port, "/local/hbbtv/t/" + endpoint) &&
+               remote.upgrade(port, "/remote/hbbtv/t/" + endpoint) && local.receiveText() == "pairingcompleted" &&
+               remote.receiveText() == "pairingcompleted";
+    }
+    /// One message there and one back. @return false when either is lost or altered
+    bool exchange() {
+        const std::string text = "message " + std::to_string(++number);
+        return local.sendText(text) && remote.receiveText() == text && remote.sendText(text) &&
+               local.receiveText() == text;
+    }
 };
 
 }  // namespace zenk_test
