@@ -1,0 +1,210 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <regex>
+#include <thread>
+
+#include "log/zenk_log.h"
+#include "tests/support/captured_output.h"
+
+namespace {
+
+class Log : public testing::Test {
+protected:
+    Log() {
+        clear_modules_list();
+        insert_modules_list("FULL", 1);
+    }
+    /// What was printed, its first prefix cut down to "<LEVEL>" after a look at everything in it.
+    std::string take() {
+        const std::string output = m_output.take();
+        const std::regex prefix(
+            "time=([1-9]\\d?/[1-9]\\d?/\\d{4} [1-9]?\\d:[1-9]?\\d:[1-9]?\\d),timestamp=(\\d+),"
+            "pid=(\\d+),tid=(\\d+),logtype=([a-z]+)");
+        std::smatch part;
+        if (!std::regex_search(output, part, prefix)) return output;
+        std::tm time{};
+        strptime(part.str(1).c_str(), "%d/%m/%Y %H:%M:%S", &time);
+        EXPECT_EQ(std::mktime(&time), std::stol(part[2]));
+        EXPECT_LT(std::time(nullptr) - std::stol(part[2]), 30);
+        EXPECT_EQ(part[3], std::to_string(getpid()));
+        EXPECT_EQ(part[4], std::to_string(gettid()));
+        return part.prefix().str() + "<" + part[5].str() + ">" + part.suffix().str();
+    }
+    void expectError(const char* module = "OTHER") {
+        zenk_log_print(LOG_TYPE_ERROR, module, "a/b/file.cpp", "call", 7, nullptr, nullptr);
+        EXPECT_EQ(take(), "\033[31m<error> File:file.cpp Function: call(), line: 7\n\033[0m");
+    }
+
+    zenk_test::CapturedOutput m_output;
+};
+
+TEST_F(Log, ShapesEachLineByTypeLevelAndWhatIsMissing) {
+    const int number = -42;
+    const std::string green = "\033[32m<info> File", end = "\n\033[0m", at = ":f Function: g(), line: 7";
+    const struct {
+        int type;
+        const char *module, *file, *name;
+        const void* value;
+        std::string line;
+    } cases[] = {
+        {LOG_TYPE_ENTER, "FULL", "a/b/f", "n", "v", green + ": f Function: g() Enter!" + end},
+        {LOG_TYPE_LEAVE, "FULL", "f", "n", "v", green + ": f Function: g() Leave!" + end},
+        {LOG_TYPE_ERROR, "FULL", "f", "n", "v", "\033[31m<info> File" + at + end},
+        {LOG_TYPE_ERROR, "OTHER", "d/", "n", "v", "\033[31m<error> File: Function: g(), line: 7" + end},
+        {LOG_TYPE_ERROR, nullptr, nullptr, "n", "v", "\033[31m<error> File:(null) Function: g(), line: 7" + end},
+        {LOG_TYPE_INT, "FULL", "f", "n", &number, green + at + ", n:-42" + end},
+        {LOG_TYPE_INT, "FULL", "f", "n", nullptr, green + at + ", n:(null)" + end},
+        {LOG_TYPE_STRING, "FULL", "f", nullptr, "v%s", green + at + ", (null):v%s" + end},
+        {LOG_TYPE_ENTER, "OTHER", "f", "n", "v", ""},
+        {LOG_TYPE_STRING, "OTHER", "f", "n", "v", ""},
+        {5, "FULL", "f", "n", "v", ""},
+        {-1, "FULL", "f", "n", "v", ""},
+        {6, "OTHER", "f", "n", "v", "log type set err, out of max enum value\n"},
+    };
+    for (const auto& row : cases) {
+        zenk_log_print(row.type, row.module, row.file, "g", 7, row.name, row.value);
+        EXPECT_EQ(take(), row.line) << row.type;
+    }
+    for (std::size_t length = 800; length < 1000; ++length) {  // around the end of the buffer, and one far beyond it
+        const std::string text(length == 999 ? 200'000 : length, 'x');
+        zenk_log_print(LOG_TYPE_STRING, "FULL", "f", "g", 7, "n", text.c_str());
+        ASSERT_EQ(take(), green + at + ", n:" + text + end);
+    }
+}
+
+TEST_F(Log, PrintsFreeTextAtFullLevelOnlyAndCutsIt) {
+    const char* none = nullptr;
+    zenk_log("OTHER", "d/f", "g", 7, "%s\n", "x");
+    EXPECT_EQ(take(), "");
+    zenk_log("FULL", "d/f", "g", 7, "%d %s", 1, std::string(3000, 'x').c_str());
+    EXPECT_EQ(take(), "<info> File:f Function: g(), line: 7, 1 " + std::string(2045, 'x'));
+    zenk_log("FULL", none, none, 7, none, 0);
+    EXPECT_EQ(take(), "<info> File:(null) Function: (null)(), line: 7, (null)");
+}
+
+// Within the second of the line before, most likely: threads keep their prefix for a second.
+TEST_F(Log, NamesThreadForkedChildAndTimeZoneAndKeepsErrno) {
+    expectError();
+    std::thread([this] {
+        expectError();
+        const pid_t child = fork();
+        if (child == 0) expectError(), _exit(HasFailure() ? 1 : 0);
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+        m_output.take();
+    }).join();
+    setenv("TZ", "XYZ-5:43", 1);
+    tzset();
+    std::thread([this] {
+        errno = EDOM;
+        zenk_log_print(LOG_TYPE_ENTER, "OTHER", "f", "g", 7, nullptr, nullptr);
+        EXPECT_EQ(errno, EDOM);
+        expectError();
+    }).join();
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(Log, TableFollowsItsModelInRandomSequences) {
+    std::mt19937 random(20240607);
+    std::map<std::string, int> model{{"FULL", 1}};
+    for (int step = 0; step < 20'000; ++step) {
+        std::string list, told, report, name;
+        const int level = std::array{0, 1, 2, 255, -1}[random() % 5];
+        bool isTaken = true;
+        for (std::size_t left = random() % 12; left > 0; --left, list += name + "|") {
+            name.assign(random() % 35, static_cast<char>('A' + random() % 4));
+            const std::string refusal = "module:" + name + " set error, ";
+            if (!isTaken || name.empty()) continue;
+            if (name.size() > 32) {
+                told += refusal + "length is " + std::to_string(name.size()) + ", out of max length:32\n";
+            } else if (level == 0) {
+                model.erase(name);
+            } else if (isTaken = model.size() < 20; isTaken) {
+                model[name] = level;
+            } else {
+                told += refusal + "module_list map has number:20\n";
+            }
+        }
+        ASSERT_EQ(insert_modules_list(list.c_str(), level), 0);
+        ASSERT_EQ(m_output.take(), told);
+        if (step % 100 == 0) clear_modules_list(), model.clear();
+        for (const auto& [stored, value] : model) {
+            report += (report.empty() ? "" : "|") + stored;
+            ASSERT_EQ(zenk_log_getLevel(stored.c_str()), value == 1 ? 2 : 1) << stored;
+        }
+        char seen[1025] = "";
+        ASSERT_EQ(get_modules_list(seen), static_cast<int>(model.size()));
+        ASSERT_EQ(seen, report);
+        ASSERT_EQ(zenk_log_getLevel("AB"), 1);
+    }
+    EXPECT_EQ(insert_modules_list(nullptr, 1), -1);
+    EXPECT_EQ(zenk_log_getLevel(nullptr), 1);
+}
+
+// Names come and go in three tables in turn, so that neither of the two copies keeps its contents. One stays, in
+// another place each time: its level and its lines must be right at every moment.
+TEST_F(Log, KeepsLinesWholeAndLevelsRightWhileTheTableChanges) {
+    insert_modules_list("STEADY", 1);
+    std::atomic<bool> isOver = false;
+    std::atomic<int> wrongLevels = 0;
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500 || !isOver; ++i) {
+                if (zenk_log_getLevel("STEADY") != 2 || zenk_log_getLevel("NEVER") != 1) ++wrongLevels;
+                if (i < 500) zenk_log_print(LOG_TYPE_STRING, "STEADY", "d/f", "g", 7, "n", "v");
+            }
+        });
+    }
+    for (int i = 0; i < 3'400; ++i) {
+        insert_modules_list("A|B|C|D|E|F|G|H|I|J|K|L|M|N|O|P|Q", 2);
+        insert_modules_list("A|B|C|D|E|F|G|H", 0);
+        insert_modules_list("I|J|K|L|M|N|O|P|Q", 0);
+    }
+    isOver = true;
+    threads.clear();
+    EXPECT_EQ(wrongLevels, 0);
+    const std::regex line(
+        "\033\\[32mtime=[^,\n]+,timestamp=\\d+,pid=\\d+,tid=\\d+,logtype=info "
+        "File:f Function: g\\(\\), line: 7, n:v\n\033\\[0m");
+    EXPECT_EQ(std::regex_replace(m_output.take(), line, "."), std::string(8 * 500, '.'));
+}
+
+TEST_F(Log, HasOneControlThreadHoweverOftenItIsAskedFor) {
+    const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    const auto before = threads();
+    for (const int mode : {-1, 2}) EXPECT_EQ(zenk_log_initialize(mode) + zenk_log_finalize(mode), -2);
+    for (const int mode : {0, 1, 1}) EXPECT_EQ(zenk_log_initialize(mode) + zenk_log_finalize(mode), 0);
+    EXPECT_EQ(threads(), before + 1);
+}
+
+bool g_isLookedAtInTheEnd = false;
+
+// Registered before the constructors of all statics, so it is called behind their destructors.
+[[gnu::constructor(101)]] void lookInTheEnd() {
+    std::atexit([] {
+        if (!g_isLookedAtInTheEnd) return;
+        const bool isEmpty = insert_modules_list("A", 1) == 0 && get_modules_list(nullptr) == 0;
+        _exit(isEmpty && zenk_log_getLevel("A") == 1 && clear_modules_list() == 0 ? 42 : 1);
+    });
+}
+
+TEST(LogTable, CountsAsEmptyBehindItsDestruction) {
+    const auto exit = [] {
+        insert_modules_list("A", 1);
+        g_isLookedAtInTheEnd = true;
+        std::exit(0);
+    };
+    EXPECT_EXIT(exit(), testing::ExitedWithCode(42), "");
+}
+
+}  // namespace
