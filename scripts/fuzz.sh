@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds the fuzzers and runs each of them: fuzz.sh [SECONDS] [TARGET...]
 #   SECONDS  how long each one runs, 20 by default
-#   TARGET   route_table, log_command, wall_clock, pairing, websocket; all by default
+#   TARGET   log_command, wall_clock, websocket; all by default
 # Stops at the first finding and keeps its input in build-fuzz/findings/. What a run discovers goes to
 # build-fuzz/corpus/, where the next run begins; the seeds in tests/fuzz/corpus/ stay as they are.
 set -eu
@@ -28,7 +28,7 @@ case $seconds in
     exit 2
     ;;
 esac
-[ $# -gt 0 ] || set -- route_table log_command wall_clock pairing websocket
+[ $# -gt 0 ] || set -- log_command wall_clock websocket
 for target in "$@"; do
     if [ ! -d "tests/fuzz/corpus/$target" ]; then
         echo "fuzz: no such target: $target" >&2

@@ -187,24 +187,4 @@ TEST_F(Log, HasOneControlThreadHoweverOftenItIsAskedFor) {
     EXPECT_EQ(threads(), before + 1);
 }
 
-bool g_isLookedAtInTheEnd = false;
-
-// Registered before the constructors of all statics, so it is called behind their destructors.
-[[gnu::constructor(101)]] void lookInTheEnd() {
-    std::atexit([] {
-        if (!g_isLookedAtInTheEnd) return;
-        const bool isEmpty = insert_modules_list("A", 1) == 0 && get_modules_list(nullptr) == 0;
-        _exit(isEmpty && zenk_log_getLevel("A") == 1 && clear_modules_list() == 0 ? 42 : 1);
-    });
-}
-
-TEST(LogTable, CountsAsEmptyBehindItsDestruction) {
-    const auto exit = [] {
-        insert_modules_list("A", 1);
-        g_isLookedAtInTheEnd = true;
-        std::exit(0);
-    };
-    EXPECT_EXIT(exit(), testing::ExitedWithCode(42), "");
-}
-
 }  // namespace

@@ -1,0 +1,33 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "platform/utf8_checker.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+TEST(Utf8Checker, JudgesEverySplitOfATextAlike) {
+    const std::string good[] = {"", "plain\0text"s, "\x7F\xC2\x80\xDF\xBF", "\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80",
+                                "\xEF\xBF\xBF\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"};
+    const std::string bad[] = {"\x80",         "\xC0\xAF",         "\xC1\xBF",         "\xE0\x9F\xBF",
+                               "\xED\xA0\x80", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80",
+                               "\xFF",         "\xE2\x82",         "\xE2\x82!",        "\xC3\xA4\xA4"};
+    const std::string padding(100, 'x');  // so that the blocks of plain ASCII are passed over as well
+    const auto check = [&](const std::string& text, bool isGood) {
+        for (const std::string& whole : {text, padding + text, text + padding}) {
+            const auto* const bytes = reinterpret_cast<const std::uint8_t*>(whole.data());
+            for (std::size_t split = 0; split <= whole.size(); ++split) {
+                zenk_ws::Utf8Checker checker;
+                const bool isText = checker.feed({bytes, split}) &&
+                                    checker.feed({bytes + split, whole.size() - split}) && checker.isComplete();
+                EXPECT_EQ(isText, isGood) << testing::PrintToString(whole) << " split at " << split;
+            }
+        }
+    };
+    for (const std::string& text : good) check(text, true);
+    for (const std::string& text : bad) check(text, false);
+}
+
+}  // namespace
