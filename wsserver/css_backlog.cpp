@@ -1,6 +1,6 @@
 #include "wsserver/css_backlog.h"
 
-#include <iterator>
+#include <algorithm>
 
 #include "wsserver/zenk_dvbCss.h"
 
@@ -17,44 +17,62 @@ std::size_t costOf(const ZenkDispatcherInfo& record) {
     return kRecordBytes + record.message.size();
 }
 
-}  // namespace
-
-void CssBacklog::add(const ZenkDispatcherInfo& record) {
-    Client& client = m_clients[record.clientId];
-    client.bytes += costOf(record);
-    m_totalBytes += costOf(record);
-    m_isFull = m_isFull || m_totalBytes > kTotalBytes;
-    if (client.isHeld || (client.bytes <= kClientBytes && !m_isFull)) return;
-    client.isHeld = true;
-    MediaSyncServer::holdClient(record.clientId, true);
+bool isFirstOfClient(const ZenkDispatcherInfo& record) {
+    return record.event == CSS_EVENT_CII_NEW_CLIENT || record.event == CSS_EVENT_TS_NEW_CLIENT;
 }
 
-void CssBacklog::remove(const ZenkDispatcherInfo& record) {
+}  // namespace
+
+void CssBacklog::add(Entry& client, const ZenkDispatcherInfo& record) {
+    Client& state = client.second;
+    state.bytes += costOf(record);
+    m_totalBytes += costOf(record);
+    m_isFull = m_isFull || m_totalBytes > kTotalBytes;
+    // One of the same name may have been held before, on a server that stood in the same place: decided anew.
+    if (state.isHeld && isFirstOfClient(record)) setHeld(state, false);
+    if (!state.isHeld && (m_isFull || state.bytes > kClientBytes)) setHeld(state, true);
+}
+
+void CssBacklog::remove(Entry& client, const ZenkDispatcherInfo& record) {
+    client.second.bytes -= costOf(record);
     m_totalBytes -= costOf(record);
-    const auto client = m_clients.find(record.clientId);
-    client->second.bytes -= costOf(record);
     if (m_isFull && m_totalBytes <= kTotalBytes / 2) {
         m_isFull = false;
         resumeAll();
-    } else {
-        resumeIfDrained(client);
     }
+    resumeIfDrained(client.second);
+    forgetIfIdle(client);
+}
+
+void CssBacklog::setHeld(Client& client, bool isHeld) {
+    client.isHeld = isHeld;
+    if (!client.hasChanged) ++m_changes;
+    client.hasChanged = true;
 }
 
 void CssBacklog::resumeAll() {
-    for (auto client = m_clients.begin(); client != m_clients.end();) client = resumeIfDrained(client);
+    for (auto& [name, client] : m_clients) resumeIfDrained(client);
 }
 
-/// Forgets the client too when nothing is left to know of it, but for a few: most speak again before long.
-/// @return the one behind it
-CssBacklog::Clients::iterator CssBacklog::resumeIfDrained(Clients::iterator client) {
-    auto& [id, state] = *client;
-    if (state.isHeld && !m_isFull && state.bytes <= kClientBytes / 2) {
-        state.isHeld = false;
-        MediaSyncServer::holdClient(id, false);
-    }
-    const bool isIdle = state.bytes == 0 && !state.isHeld;
-    return isIdle && m_clients.size() > kIdleKept ? m_clients.erase(client) : std::next(client);
+void CssBacklog::resumeIfDrained(Client& client) {
+    if (client.isHeld && !m_isFull && client.bytes <= kClientBytes / 2) setHeld(client, false);
+}
+
+/// But for a few: most speak again before long.
+void CssBacklog::forgetIfIdle(const Entry& client) {
+    const auto& [name, state] = client;
+    if (m_clients.size() <= kIdleKept) return;
+    if (state.bytes == 0 && !state.isHeld && !state.hasChanged) m_clients.erase(ClientName(name));
+}
+
+std::optional<CssBacklog::Change> CssBacklog::takeChange() {
+    if (m_changes == 0) return std::nullopt;
+    --m_changes;
+    Entry& client = *std::ranges::find_if(m_clients, [](const Entry& each) { return each.second.hasChanged; });
+    client.second.hasChanged = false;
+    const Change change{client.first, client.second.isHeld};
+    forgetIfIdle(client);
+    return change;
 }
 
 }  // namespace zenk

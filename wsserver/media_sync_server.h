@@ -19,7 +19,7 @@ class MediaSyncServer;
 class PairedApps;
 struct _pairedApp;
 namespace zenk {
-class CssBacklog;
+class CssEventQueue;
 }
 
 /// Base class of whatever wants to hear of WebSocket clients and talk to them; the CSS servers are such observers.
@@ -202,11 +202,11 @@ public:
 
 private:
     friend class ClientObserver;
-    friend class zenk::CssBacklog;
+    friend class zenk::CssEventQueue;
 
-    /// Stops the reading of a client of the instance, or lets it go on; nothing happens when either has gone.
-    /// @thread any, also while the host destroys the instance; never blocks
-    ZENK_HIDDEN static void holdClient(int clientId, bool isHeld);
+    /// Stops the reading of a client of `server`, or lets it go on; nothing happens when either has gone.
+    /// @thread any, also while the host destroys the server; never blocks
+    ZENK_HIDDEN static void holdClient(MediaSyncServer* server, int clientId, bool isHeld);
 
     ZENK_HIDDEN static MediaSyncServer* instanceOrNewOne();
     ZENK_HIDDEN void leaveServer(ClientObserver& observer);

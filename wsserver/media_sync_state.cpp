@@ -1,8 +1,10 @@
 // What a MediaSyncServer keeps: its instance, observers, connections and tokens. Nothing here writes to the log.
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <utility>
+#include <vector>
 
 #include "platform/zenk_websockets.h"
 #include "wsserver/client_ids.h"
@@ -19,12 +21,26 @@ using zenk::storeShared;
 
 MediaSyncServer* MediaSyncServer::m_instance = nullptr;
 
-/// Keeps two first calls of getInstance() from building two instances, and the instance alive while the event thread
-/// holds or resumes one of its clients. Taken before the registry lock.
-static zenk::Mutex& instanceMutex() {
+namespace {
+
+/// Keeps two first calls of getInstance() from building two instances.
+zenk::Mutex& instanceMutex() {
     static zenk::Mutex mutex;
     return mutex;
 }
+
+/// Keeps a server alive while another thread holds or resumes one of its clients.
+struct LivingServers {
+    zenk::Mutex mutex;  // taken before the registry lock of a server
+    std::vector<MediaSyncServer*> list ZENK_GUARDED_BY(mutex);
+};
+
+LivingServers& livingServers() {
+    static LivingServers* const servers = new LivingServers;  // never destroyed: threads may outlive main()
+    return *servers;
+}
+
+}  // namespace
 
 MediaSyncServer::MediaSyncServer()
     : mClientIdIndex(0),
@@ -32,21 +48,28 @@ MediaSyncServer::MediaSyncServer()
       enablePairing(false),
       m_observerList(m_observers, m_registryMutex),
       m_pairing(std::make_unique<PairedApps>(m_pairedApps)) {
+    {
+        LivingServers& living = livingServers();
+        const zenk::MutexLock lock(living.mutex);
+        living.list.push_back(this);
+    }
     storeShared(m_instance, this);
     createRandom();
 }
 
 MediaSyncServer::~MediaSyncServer() {
     {
+        LivingServers& living = livingServers();
+        const zenk::MutexLock lock(living.mutex);
+        std::erase(living.list, this);
+    }
+    {
         zenk::MutexLock lock(m_registryMutex);
         mClientIdIndex = 0;
         for (ClientObserver* observer : m_observers) leaveServer(*observer);
     }
     storeShared(m_port, 0);
-    {
-        zenk::MutexLock lock(instanceMutex());
-        storeShared(m_instance, nullptr);
-    }
+    storeShared(m_instance, nullptr);
     m_pairing->clear();
     storeShared(enablePairing, false);
 }
@@ -169,13 +192,13 @@ bool MediaSyncServer::wasSwept() {
     return std::exchange(m_isHandshakeSwept, false);
 }
 
-void MediaSyncServer::holdClient(int clientId, bool isHeld) {
-    zenk::MutexLock instanceLock(instanceMutex());
-    MediaSyncServer* const instance = loadShared(m_instance);
-    if (instance == nullptr) return;
-    zenk::MutexLock lock(instance->m_registryMutex);
-    const auto client = instance->m_clientMap.find(clientId);
-    if (client != instance->m_clientMap.end()) zenk_ws::lws_rx_flow_control(client->second, isHeld ? 0 : 1);
+void MediaSyncServer::holdClient(MediaSyncServer* server, int clientId, bool isHeld) {
+    LivingServers& living = livingServers();
+    const zenk::MutexLock livingLock(living.mutex);
+    if (std::ranges::find(living.list, server) == living.list.end()) return;
+    const zenk::MutexLock lock(server->m_registryMutex);
+    const auto client = server->m_clientMap.find(clientId);
+    if (client != server->m_clientMap.end()) zenk_ws::lws_rx_flow_control(client->second, isHeld ? 0 : 1);
 }
 
 // ---------------------------------------------------------------- tokens

@@ -14,54 +14,34 @@
 #include <exception>
 #include <limits>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "wsserver/cancellation.h"
-#include "wsserver/css_event_line.h"
+#include "wsserver/css_event_queue.h"
+#include "wsserver/shared_value.h"
 #include "wsserver/socket.h"
 #include "wsserver/trace.h"
 #include "wsserver/wall_clock.h"
+
+using zenk::Trace;
 
 // ---------------------------------------------------------------- event dispatcher
 
 ZenkCSSEventDispatcher* ZenkCSSEventDispatcher::m_instance = nullptr;
 
-/// The dispatcher of the process, created here if there is none.
-static ZenkCSSEventDispatcher* sharedEventDispatcher() {
-    ZenkCSSEventDispatcher* dispatcher = nullptr;
-    zenk::CssEventLine::join(dispatcher);
-    return dispatcher;
-}
-
 namespace {
 
-/// Tells the line when the event thread leaves it, by whatever way: the end of the loop, a cancellation, or a callback
-/// that ends its thread.
-class LineUse {
-public:
-    using Ending = void (zenk::CssEventLine::*)();
-
-    LineUse(std::shared_ptr<zenk::CssEventLine> line, Ending ending) : m_line(std::move(line)), m_ending(ending) {}
-    ~LineUse() {
-        if (m_line != nullptr) ((*m_line).*m_ending)();
-    }
-    LineUse(const LineUse&) = delete;
-    LineUse& operator=(const LineUse&) = delete;
-
-    zenk::CssEventLine* operator->() const { return m_line.get(); }
-
-private:
-    const std::shared_ptr<zenk::CssEventLine> m_line;
-    const Ending m_ending;
-};
+// Guards the creation of the dispatcher and the end of m_instance. Nothing destroys it when the process exits.
+constinit zenk::Mutex g_creationMutex;
+static_assert(std::is_trivially_destructible_v<zenk::Mutex>);
 
 // The message moves on: nobody else looks at the record any more.
 void deliver(ZenkDispatcherInfo& record) {
-    if (record.server == nullptr) return;
     ZenkCSSEevntInfo info{record.clientId, std::move(record.message)};
     if (record.event <= CSS_EVENT_CII_CLIENT_LEAVE) {
         static_cast<ZenkCSSCIIServer*>(record.server)->dispatchEventToMS(record.event, &info);
-    } else if (record.event <= CSS_EVENT_TS_CLIENT_LEAVE) {
+    } else {
         static_cast<ZenkCSSTSServer*>(record.server)->dispatchEventToMS(record.event, &info);
     }
 }
@@ -77,130 +57,87 @@ __attribute__((noinline, no_sanitize("null"))) void deliverAndContain(ZenkDispat
     }
 }
 
+template <typename Record>
+void addTraced(zenk::CssEventQueue& events, Record&& record, const Trace& trace) try {
+    events.add(std::forward<Record>(record));
+    trace.leave();
+} catch (const std::exception&) {
+    trace.fail();  // no memory: this event is lost
+}
+
+/// What ZenkCSSEventDispatcher::queueEvent() does, for servers: they need no dispatcher for it, which may go meanwhile.
+void queueEvent(zenk::CssEventQueue& events, ZenkDispatcherInfo record) {
+    if (events.isOpen()) addTraced(events, std::move(record), Trace());
+}
+
 }  // namespace
 
 ZenkCSSEventDispatcher::ZenkCSSEventDispatcher()
-    : m_threadId(0), m_keepRunning(true), m_isWakeWanted(false), m_line(std::make_shared<zenk::CssEventLine>(*this)) {
-    ZENK_TRACE_ENTER();
-    std::atomic_ref(m_instance).store(this);
+    : m_threadId(0), m_keepRunning(true), m_events(std::make_shared<zenk::CssEventQueue>()) {
+    const Trace trace;
+    zenk::storeShared(m_instance, this);
     startEventThread();
-    ZENK_TRACE_LEAVE();
+    trace.leave();
 }
 
 ZenkCSSEventDispatcher::~ZenkCSSEventDispatcher() {
-    ZENK_TRACE_ENTER();
-    zenk::CssEventLine::leaveInstance(*this);
+    const Trace trace;
+    {
+        const zenk::MutexLock lock(g_creationMutex);
+        zenk::replaceShared(m_instance, this, nullptr);
+    }
     m_threadId = 0;
     m_keepRunning = false;
-    wake();
-    discardRecords(nullptr);
-    m_line->close();
-    ZENK_TRACE_LEAVE();
+    m_events->close();
+    trace.leave();
+}
+
+// The dispatcher that m_instance names is alive: its destructor takes the lock to clear m_instance first of all.
+std::shared_ptr<zenk::CssEventQueue> ZenkCSSEventDispatcher::join(ZenkCSSEventDispatcher*& dispatcher) {
+    const zenk::MutexLock lock(g_creationMutex);
+    dispatcher = zenk::loadShared(m_instance);
+    if (dispatcher == nullptr) dispatcher = new ZenkCSSEventDispatcher;  // which stores itself in m_instance
+    return dispatcher->m_events;
 }
 
 void ZenkCSSEventDispatcher::startEventThread() {
-    ZENK_TRACE_ENTER();
-    m_threadId = m_line->startThread();
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    m_threadId = m_events->startThread(*this);
+    trace.leave();
 }
 
 void ZenkCSSEventDispatcher::stopEventThread() {
-    ZENK_TRACE_ENTER();
-    if (m_threadId != 0) m_line->cancelThread();
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    if (m_threadId != 0) m_events->stopThread();
+    trace.leave();
 }
 
 void ZenkCSSEventDispatcher::queueEvent(ZenkDispatcherInfo* info) {
-    ZENK_TRACE_ENTER();
-    if (info == nullptr) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    try {
-        enqueue(*info);
-    } catch (const std::exception&) {
-        ZENK_TRACE_ERROR();  // no memory: this event is lost
-        return;
-    }
-    wake();
-    ZENK_TRACE_LEAVE();
-}
-
-void ZenkCSSEventDispatcher::enqueue(const ZenkDispatcherInfo& info) {
-    auto record = std::make_unique<ZenkDispatcherInfo>(info);
-    const zenk::MutexLock lock(m_queueMutex);
-    m_line->backlog().add(*record);
-    try {
-        m_queue.push_back(record.get());
-    } catch (const std::exception&) {
-        m_line->backlog().remove(*record);
-        throw;
-    }
-    static_cast<void>(record.release());  // the queue has it now
+    const Trace trace;
+    if (info == nullptr) return trace.fail();
+    addTraced(*m_events, std::as_const(*info), trace);
 }
 
 void ZenkCSSEventDispatcher::processEvent() {
-    ZENK_TRACE_ENTER();
-    // From the first delivery on this object may be gone, destroyed by a callback, unless the line says otherwise.
-    const LineUse line(m_line, &zenk::CssEventLine::endCall);
-    if (m_keepRunning) {
-        do {
-            zenk::endHereIfCancelled();
-            while (const std::unique_ptr<ZenkDispatcherInfo> record = line->beginCall()) {
-                deliverAndContain(*record);
-                zenk::endHereIfCancelled();
-            }
-        } while (line->isOpen() && waitForWake());
-    }
-    ZENK_TRACE_ERROR();
-    ZENK_TRACE_LEAVE();
-}
-
-// One signal for a burst: as long as the flag stands, the thread has not looked at the queue since.
-void ZenkCSSEventDispatcher::wake() {
-    if (std::atomic_ref(m_isWakeWanted).exchange(true)) return;
-    const std::lock_guard lock(m_wakeMutex);  // the thread may be about to wait
-    m_wakeCond.notify_one();
-}
-
-/// Returns at once when something was queued since the last call. @return whether to go on
-bool ZenkCSSEventDispatcher::waitForWake() {
-    std::unique_lock lock(m_wakeMutex);
-    const zenk::Cancellation allowed(PTHREAD_CANCEL_ENABLE);
-    // Whoever finds the flag standing does not wake: what it has queued must be seen after the flag is taken down.
-    m_wakeCond.wait(lock, [this] { return std::atomic_ref(m_isWakeWanted).exchange(false); });
-    return m_keepRunning;
-}
-
-std::unique_ptr<ZenkDispatcherInfo> ZenkCSSEventDispatcher::takeRecord() {
-    const zenk::MutexLock lock(m_queueMutex);
-    if (m_queue.empty()) return nullptr;
-    std::unique_ptr<ZenkDispatcherInfo> record(m_queue.front());
-    m_queue.pop_front();
-    m_line->backlog().remove(*record);
-    return record;
-}
-
-/// Releases the queued records of one server, or all of them if `server` is null.
-void ZenkCSSEventDispatcher::discardRecords(const void* server) {
-    const zenk::MutexLock lock(m_queueMutex);
-    std::erase_if(m_queue, [this, server](ZenkDispatcherInfo* record) {
-        if (server != nullptr && record->server != server) return false;
-        m_line->backlog().remove(*record);
-        delete record;
-        return true;
-    });
+    using End = zenk::CssEventQueue::End;
+    const Trace trace;
+    // From the first delivery on this object may be gone, destroyed by a callback.
+    const std::shared_ptr<zenk::CssEventQueue> events = m_events;
+    const End end = m_keepRunning ? events->run(deliverAndContain) : End::kClosed;
+    if (end == End::kStopped) pthread_exit(nullptr);  // a thread that is stopped leaves no line
+    trace.fail();
+    trace.leave();
 }
 
 void* cssEventThread(void* argument) {
-    // Only processEvent() lets a cancellation in, where no lock is held and no callback runs.
+    // The thread is stopped where it is safe, and nowhere else.
     const zenk::Cancellation forbidden(PTHREAD_CANCEL_DISABLE);
     auto* const dispatcher = static_cast<ZenkCSSEventDispatcher*>(argument);
     // Outlives the last trace line, so that the dispatcher's destructor has the last word.
-    const LineUse line(dispatcher != nullptr ? dispatcher->m_line : nullptr, &zenk::CssEventLine::threadEnds);
-    ZENK_TRACE_ENTER();
+    const zenk::CssEventQueue::ThreadLife life(dispatcher != nullptr ? dispatcher->m_events : nullptr);
+    const Trace trace;
     if (dispatcher != nullptr) dispatcher->processEvent();
-    ZENK_TRACE_LEAVE();
+    trace.leave();
     return nullptr;
 }
 
@@ -237,10 +174,10 @@ zenk::CssClientList::Removal removeAndClose(zenk::CssClientList& clients, Client
 }
 
 /// Leaves both sides that call the server; after this nobody does.
-void disconnect(MediaSyncServer* webSocketServer, ClientObserver& observer, zenk::CssEventLine& line,
+void disconnect(MediaSyncServer* webSocketServer, ClientObserver& observer, zenk::CssEventQueue& events,
                 const void* server) {
     if (webSocketServer != nullptr) webSocketServer->removeObserver(&observer);
-    line.detach(server);
+    events.leave(server);
 }
 
 }  // namespace
@@ -263,15 +200,16 @@ ZenkCSSCIIServer::ZenkCSSCIIServer(std::string& initString) : m_initString(initS
 
 // No trace of its own, so that each constructor writes its two lines once.
 void ZenkCSSCIIServer::setUp() {
-    m_line = zenk::CssEventLine::join(m_dispatcher);
+    m_events = ZenkCSSEventDispatcher::join(m_dispatcher);
     std::atomic_ref(m_instance).store(this);
     m_maxClientNum = zenk::readCssClientLimit();
     std::printf("CII m_maxClientNum = %d\n", m_maxClientNum);
+    m_events->enter(this, m_server, CSS_EVENT_CII_NEW_CLIENT);  // last: nothing can fail behind it
 }
 
 ZenkCSSCIIServer::~ZenkCSSCIIServer() {
     ZENK_TRACE_ENTER();
-    disconnect(std::atomic_ref(m_server).load(), *this, *m_line, this);
+    disconnect(std::atomic_ref(m_server).load(), *this, *m_events, this);
     m_dispatcher = nullptr;
     {
         const zenk::MutexLock lock(m_mutex);
@@ -326,7 +264,7 @@ void ZenkCSSCIIServer::onClientLeave(int clientId) {
 }
 
 void ZenkCSSCIIServer::post(ZenkCSSEvent event, int clientId, std::string message) {
-    if (m_dispatcher != nullptr) m_line->post({event, this, clientId, std::move(message)});
+    if (m_dispatcher != nullptr) queueEvent(*m_events, {event, this, clientId, std::move(message)});
 }
 
 int ZenkCSSCIIServer::getCssServerStatus() {
@@ -446,15 +384,16 @@ ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) : m_initString(initStr
 
 // No trace of its own, so that each constructor writes its two lines once.
 void ZenkCSSTSServer::setUp() {
-    m_line = zenk::CssEventLine::join(m_dispatcher);
+    m_events = ZenkCSSEventDispatcher::join(m_dispatcher);
     std::atomic_ref(m_instance).store(this);
     m_maxClientNum = zenk::readCssClientLimit();
     std::printf("TS m_maxClientNum = %d\n", m_maxClientNum);
+    m_events->enter(this, m_server, CSS_EVENT_TS_NEW_CLIENT);  // last: nothing can fail behind it
 }
 
 ZenkCSSTSServer::~ZenkCSSTSServer() {
     ZENK_TRACE_ENTER();
-    disconnect(std::atomic_ref(m_server).load(), *this, *m_line, this);
+    disconnect(std::atomic_ref(m_server).load(), *this, *m_events, this);
     m_dispatcher = nullptr;
     {
         const zenk::MutexLock lock(m_mutex);
@@ -509,7 +448,7 @@ void ZenkCSSTSServer::onClientLeave(int clientId) {
 }
 
 void ZenkCSSTSServer::post(ZenkCSSEvent event, int clientId, std::string message) {
-    if (m_dispatcher != nullptr) m_line->post({event, this, clientId, std::move(message)});
+    if (m_dispatcher != nullptr) queueEvent(*m_events, {event, this, clientId, std::move(message)});
 }
 
 int ZenkCSSTSServer::getCssServerStatus() {
@@ -727,7 +666,7 @@ WCEnd answerRequests(WCExchange& exchange, unsigned char& running, unsigned char
 
 ZenkCSSWCServer::ZenkCSSWCServer() : m_running(0), m_enableInterDevSync(0) {
     ZENK_TRACE_ENTER();
-    m_dispatcher = sharedEventDispatcher();
+    ZenkCSSEventDispatcher::join(m_dispatcher);
     std::atomic_ref(m_instance).store(this);
     ZENK_TRACE_LEAVE();
 }

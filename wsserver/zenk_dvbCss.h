@@ -19,7 +19,7 @@
 /// The CSS servers (ETSI TS 103 286-2) and the dispatcher that carries their events to the host.
 
 namespace zenk {
-class CssEventLine;
+class CssEventQueue;
 }
 
 // ---------------------------------------------------------------- event dispatcher
@@ -89,9 +89,10 @@ public:
     void stopEventThread();
 
     /// Queues a copy of a record. The caller keeps its own and may reuse it at once.
-    /// @param info  event, server (null, or an event above 5, is taken off the queue later without a callback), client
-    ///              and message. The server is alive and stays so until its own destructor takes its records out.
-    ///              Null is refused with an error trace line; without memory the event is lost, with one
+    /// @param info  event, server, client and message. A record is dropped whose server has gone, has never been, is
+    /// not
+    ///              of the event's kind or was built with another dispatcher. Null is refused with an error trace line;
+    ///              without memory the event is lost, with one
     /// @thread any, at any time before the destructor; never waits for a callback
     void queueEvent(ZenkDispatcherInfo* info);
 
@@ -103,23 +104,22 @@ public:
     static ZenkCSSEventDispatcher* m_instance;
 
 private:
-    friend class zenk::CssEventLine;
+    friend class ZenkCSSCIIServer;
+    friend class ZenkCSSTSServer;
+    friend class ZenkCSSWCServer;
     friend ZENK_API void* cssEventThread(void* dispatcher);
 
-    void wake();
-    bool waitForWake();
-    ZENK_HIDDEN void enqueue(const ZenkDispatcherInfo& info);
-    std::unique_ptr<ZenkDispatcherInfo> takeRecord();
-    void discardRecords(const void* server);
+    /// Finds the dispatcher of the process, or creates it; two threads do not create two. @return its queue
+    ZENK_HIDDEN static std::shared_ptr<zenk::CssEventQueue> join(ZenkCSSEventDispatcher*& dispatcher);
 
-    std::atomic<pthread_t> m_threadId;                                      // any thread; 0 when there is none to stop
-    std::deque<ZenkDispatcherInfo*> m_queue ZENK_GUARDED_BY(m_queueMutex);  // owned, oldest in front
-    zenk::Mutex m_queueMutex;  // held for one push, one pop or one sweep; never with m_wakeMutex
-    std::mutex m_wakeMutex;    // held to wait and to wake; a plain one, which m_wakeCond waits on most cheaply
-    std::condition_variable m_wakeCond;  // goes with m_wakeMutex: m_isWakeWanted has become true
-    std::atomic<bool> m_keepRunning;     // any thread; false from the destructor on
-    bool m_isWakeWanted;                 // any thread, by atomic_ref: the event thread has something to look at
-    const std::shared_ptr<zenk::CssEventLine> m_line;  // constant; has its own lock
+    // Hosts are built with the size of this object. The four below hold its layout: what they stand for is in m_events.
+    std::atomic<pthread_t> m_threadId;  // any thread; 0 when there is none to stop
+    [[maybe_unused]] std::deque<ZenkDispatcherInfo*> m_queue;
+    [[maybe_unused]] zenk::Mutex m_queueMutex;
+    [[maybe_unused]] std::mutex m_wakeMutex;
+    [[maybe_unused]] std::condition_variable m_wakeCond;
+    std::atomic<bool> m_keepRunning;                      // any thread; false from the destructor on
+    const std::shared_ptr<zenk::CssEventQueue> m_events;  // constant; has its own lock
 };
 
 /// The event thread's entry: runs processEvent() of `dispatcher`, a ZenkCSSEventDispatcher or null. Started by the
@@ -230,7 +230,7 @@ private:
     std::atomic<bool> m_enableInterDevSync = false;  // any thread
     zenk::Mutex m_mutex;                             // the callback pair; held all through the callback
     std::int32_t m_maxClientNum = 0;                 // constant after construction; positive then
-    std::shared_ptr<zenk::CssEventLine> m_line;      // constant after construction; the safe way to m_dispatcher
+    std::shared_ptr<zenk::CssEventQueue> m_events;   // constant after construction; outlives m_dispatcher
 };
 
 // ---------------------------------------------------------------- CSS-TS server
@@ -337,7 +337,7 @@ private:
     std::atomic<bool> m_enableInterDevSync = false;  // any thread
     std::int32_t m_maxClientNum = 0;                 // constant after construction; positive then
     zenk::Mutex m_mutex;                             // the callback pair; held all through the callback
-    std::shared_ptr<zenk::CssEventLine> m_line;      // constant after construction; the safe way to m_dispatcher
+    std::shared_ptr<zenk::CssEventQueue> m_events;   // constant after construction; outlives m_dispatcher
 };
 
 // ---------------------------------------------------------------- CSS-WC server
