@@ -1,10 +1,12 @@
 #include "platform/ws_handshake.h"
 
 #include <libwebsockets.h>
+#include <strings.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstring>
+#include <string_view>
 
 namespace zenk_ws {
 
@@ -57,10 +59,27 @@ int answerHttp(::lws* wsi, const char* status, const char* headers = kClose) {
     return answer(wsi, status, headers, LWS_WRITE_HTTP_HEADERS);
 }
 
+std::string_view trimmed(std::string_view text) {
+    const std::size_t begin = text.find_first_not_of(" \t");
+    if (begin == std::string_view::npos) return {};
+    return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
+}
+
+/// The members of a header's list as RFC 9110, 5.6.1 has it: empty ones do not count, and neither does the white space
+/// around them.
+bool listHas(std::string_view list, std::string_view wanted) {
+    while (!list.empty()) {
+        const std::size_t comma = std::min(list.find(','), list.size());
+        if (trimmed(list.substr(0, comma)) == wanted) return true;
+        list.remove_prefix(std::min(comma + 1, list.size()));
+    }
+    return false;
+}
+
 bool asksForVersion13(::lws* wsi) {
-    std::array<char, 8> version{};
-    const int length = lws_hdr_copy(wsi, version.data(), static_cast<int>(version.size()), WSI_TOKEN_VERSION);
-    return length > 0 && std::strcmp(version.data(), "13") == 0;
+    std::array<char, 64> versions{};
+    const int length = lws_hdr_copy(wsi, versions.data(), static_cast<int>(versions.size()), WSI_TOKEN_VERSION);
+    return length > 0 && listHas(versions.data(), "13");
 }
 
 const char* reasonPhrase(int status) {
@@ -85,7 +104,8 @@ RequestTarget readRequestTarget(::lws* wsi) {
 }
 
 int checkUpgrade(::lws* wsi, const char* upgradeTo) {
-    if (upgradeTo == nullptr || std::strcmp(upgradeTo, "websocket") != 0) return answerHttp(wsi, "400 Bad Request");
+    // Lists of protocols do not come as far as here.
+    if (upgradeTo == nullptr || ::strcasecmp(upgradeTo, "websocket") != 0) return answerHttp(wsi, "400 Bad Request");
     if (lws_hdr_total_length(wsi, WSI_TOKEN_GET_URI) <= 0) {
         return answerHttp(wsi, "405 Method Not Allowed", kCloseAllowGet);
     }
