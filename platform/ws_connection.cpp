@@ -14,6 +14,23 @@
 
 namespace zenk_ws {
 
+namespace {
+
+/// @return the status that tells a peer what is wrong with its close frame (RFC 6455, 5.5.1 and 7.4); 0 if nothing is
+int answerToClose(std::span<const std::uint8_t> body) {
+    if (body.empty()) return 0;
+    if (body.size() == 1) return LWS_CLOSE_STATUS_PROTOCOL_ERR;
+    const int status = body[0] << 8 | body[1];
+    const auto isBetween = [status](int first, int last) { return first <= status && status <= last; };
+    if (!isBetween(1000, 1003) && !isBetween(1007, 1014) && !isBetween(3000, 4999)) {
+        return LWS_CLOSE_STATUS_PROTOCOL_ERR;
+    }
+    Utf8Checker reason;
+    return reason.feed(body.subspan(2)) && reason.isComplete() ? 0 : LWS_CLOSE_STATUS_INVALID_PAYLOAD;
+}
+
+}  // namespace
+
 Connection::Connection(Context& context, ::lws* wsi, std::uint64_t serial)
     : m_context(context), m_wsi(wsi), m_serial(serial), m_queue(context.pool()) {
 }
@@ -61,14 +78,22 @@ int Connection::onWriteable() {
     return kSendCloseFrame;
 }
 
-void Connection::onPeerClose() {
-    pump();  // whole frames that were written before the peer's close came are still welcome
+/// libwebsockets sends back any frame that it does not know to be wrong.
+int Connection::onPeerClose(std::span<const std::uint8_t> body) {
+    constexpr int kSendItBack = 0, kEndAtOnce = -1;
+    const bool hasAllGone = pump();  // whole frames that were written before the peer's close came are still welcome
+    const int status = answerToClose(body);
+    if (status != 0 && hasAllGone) {
+        std::uint8_t frame[] = {0x88, 2, static_cast<std::uint8_t>(status >> 8), static_cast<std::uint8_t>(status)};
+        sendRaw(frame);
+    }
     m_isCloseStarted = true;
     m_progressAt = m_context.exactNow();
     m_context.setPhase(*this, Phase::Ended);
     m_queue.clear();
     releaseSenders();
     leaveHolders();
+    return status != 0 ? kEndAtOnce : kSendItBack;
 }
 
 void Connection::onGone() {

@@ -52,7 +52,8 @@ public:
     bool onReceive(std::span<const std::uint8_t> piece);
     void onHeard();
     int onWriteable();
-    void onPeerClose();
+    /// @return what the event has to return
+    int onPeerClose(std::span<const std::uint8_t> body);
     void onGone();
 
     /// Puts one frame behind what waits. `sender` is the connection whose receive event writes, or null.

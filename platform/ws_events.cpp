@@ -84,8 +84,7 @@ int Context::dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::si
         case LWS_CALLBACK_SERVER_WRITEABLE:
             return connection->onWriteable();
         case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
-            connection->onPeerClose();
-            return 0;
+            return connection->onPeerClose({static_cast<const std::uint8_t*>(in), len});
         default:
             onClosed(*connection);
             return 0;
