@@ -128,24 +128,23 @@ void Context::sayGoodbye() {
     }
     using Clock = std::chrono::steady_clock;  // the host waits, so this is real time
     const auto end = Clock::now() + limits().goodbye;
-    while (m_announced != 0 && Clock::now() < end) service();
+    while (m_announced != 0 && Clock::now() < end && service()) continue;
 }
 
 // ---------------------------------------------------------------- the loop
 
-void Context::service() {
+bool Context::service() {
     const ServiceScope scope(this);
-    runLoopOnce();
+    const bool canGoOn = runLoopOnce();
     serveRequests();
     flushAll();
+    return canGoOn;
 }
 
-void Context::runLoopOnce() {
-    if (m_loop != nullptr) {
-        ev_run(m_loop, EVRUN_ONCE);
-    } else {
-        ::lws_service(m_lws, 0);
-    }
+bool Context::runLoopOnce() {
+    if (m_loop == nullptr) return ::lws_service(m_lws, 0) >= 0;
+    ev_run(m_loop, EVRUN_ONCE);
+    return true;
 }
 
 void Context::onTick() {

@@ -28,7 +28,8 @@ public:
     static std::unique_ptr<Context> create(const lws_context_creation_info& info);
     ~Context();
 
-    void service();
+    /// @return false when the loop cannot go on
+    bool service();
 
     /// The context that the calling thread serves at the moment, or null.
     static Context* current();
@@ -94,7 +95,7 @@ private:
     void beReachable();
     void beUnreachable();
 
-    void runLoopOnce();
+    bool runLoopOnce();
     void flushAll();
     void flushUpTo(std::size_t end);
     void onTick();

@@ -69,6 +69,11 @@ void emitUnlessChatter(int level, const char* line) {
 }  // namespace
 
 lws_context* lws_create_context(const lws_context_creation_info* info) {
+    // libwebsockets takes -1 for "serve nothing", and of other numbers the lower half.
+    if (info->port < 0 || info->port > 65535) {
+        _lws_log(kLogError, "there is no port %d\n", info->port);
+        return nullptr;
+    }
     try {
         std::unique_ptr<Context> context = Context::create(*info);
         return context == nullptr ? nullptr : new lws_context{std::move(context)};
@@ -79,10 +84,7 @@ lws_context* lws_create_context(const lws_context_creation_info* info) {
 }
 
 int lws_service(lws_context* context, int) {
-    return guarded([&] {
-        context->context->service();
-        return 0;
-    });
+    return guarded([&] { return context->context->service() ? 0 : -1; });
 }
 
 void lws_context_destroy(lws_context* context) {
