@@ -105,22 +105,17 @@ private:
     CssEventQueue& m_queue;
 };
 
-CssEventQueue::End CssEventQueue::run(Deliver deliver) {
+void CssEventQueue::run(void (*deliver)(ZenkDispatcherInfo& record)) {
     const Calls calls(*this);
-    End end = End::kClosed;
-    while (std::optional<ZenkDispatcherInfo> record = beginCall(end)) deliver(*record);
-    return end;
+    while (std::optional<ZenkDispatcherInfo> record = beginCall()) deliver(*record);
 }
 
-/// Ends the call of the record before, waits for the next one and begins its call. @return nothing at the `end`
-std::optional<ZenkDispatcherInfo> CssEventQueue::beginCall(End& end) {
+/// Ends the call of the record before, waits for the next one and begins its call. @return nothing when closed
+std::optional<ZenkDispatcherInfo> CssEventQueue::beginCall() {
     const MutexLock lock(m_mutex);
     endCall();
     while (m_isOpen) {
-        if (m_isStopWanted && isEventThread()) {
-            end = End::kStopped;
-            return std::nullopt;
-        }
+        if (m_isStopWanted && isEventThread()) pthread_exit(nullptr);  // which unwinds, and leaves no trace line
         if (!m_records.empty()) return takeRecord();
         m_isIdle = true;
         m_changed.wait(m_mutex);

@@ -21,6 +21,9 @@ class CssEventQueue {
 public:
     // For the servers.
 
+    /// Finds the dispatcher of the process, or creates it; two threads do not create two. @return its queue
+    static std::shared_ptr<CssEventQueue> join(ZenkCSSEventDispatcher*& dispatcher);
+
     /// A server is alive from now on. Throws std::bad_alloc.
     /// @param webSocketServer  where the server's clients come to; written by any thread, as if atomic
     /// @param firstEvent       its events are this one and the two behind it
@@ -50,11 +53,9 @@ public:
 
     // For the thread that delivers.
 
-    enum class End { kClosed, kStopped };
-    using Deliver = void (*)(ZenkDispatcherInfo& record);
-
-    /// Delivers without a lock, one record at a time, until the queue is closed or this thread is told to stop.
-    End run(Deliver deliver);
+    /// Calls `deliver` without a lock, one record at a time, until the queue is closed. The event thread ends in here
+    /// when it is told to stop.
+    void run(void (*deliver)(ZenkDispatcherInfo& record));
 
     /// The event thread holds one as long as it lives.
     class ThreadLife {
@@ -82,7 +83,7 @@ private:
     };
     class Calls;
 
-    std::optional<ZenkDispatcherInfo> beginCall(End& end);
+    std::optional<ZenkDispatcherInfo> beginCall();
     ZenkDispatcherInfo takeRecord() ZENK_REQUIRES(m_mutex);
     void endCall() ZENK_REQUIRES(m_mutex);
     void discardRecords(const void* server) ZENK_REQUIRES(m_mutex);
@@ -104,5 +105,8 @@ private:
     pthread_t m_calling ZENK_GUARDED_BY(m_mutex) = 0;         // good while m_called is not null
     int m_waitingLeaves ZENK_GUARDED_BY(m_mutex) = 0;         // servers that wait for their callback
 };
+
+/// As ZenkCSSEventDispatcher::queueEvent(), for the servers; when the dispatcher has gone, nothing happens.
+void queueEvent(CssEventQueue& events, const ZenkDispatcherInfo& record);
 
 }  // namespace zenk

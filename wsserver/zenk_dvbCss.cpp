@@ -57,17 +57,16 @@ __attribute__((noinline, no_sanitize("null"))) void deliverAndContain(ZenkDispat
     }
 }
 
-template <typename Record>
-void addTraced(zenk::CssEventQueue& events, Record&& record, const Trace& trace) try {
-    events.add(std::forward<Record>(record));
+// Without the dispatcher itself: a server's may go meanwhile.
+void queueEvent(zenk::CssEventQueue& events, const ZenkDispatcherInfo* record) {
+    const Trace trace;
+    if (record == nullptr) return trace.fail();
+    try {
+        events.add(*record);
+    } catch (const std::exception&) {
+        return trace.fail();  // no memory: this event is lost
+    }
     trace.leave();
-} catch (const std::exception&) {
-    trace.fail();  // no memory: this event is lost
-}
-
-/// What ZenkCSSEventDispatcher::queueEvent() does, for servers: they need no dispatcher for it, which may go meanwhile.
-void queueEvent(zenk::CssEventQueue& events, ZenkDispatcherInfo record) {
-    if (events.isOpen()) addTraced(events, std::move(record), Trace());
 }
 
 }  // namespace
@@ -93,11 +92,15 @@ ZenkCSSEventDispatcher::~ZenkCSSEventDispatcher() {
 }
 
 // The dispatcher that m_instance names is alive: its destructor takes the lock to clear m_instance first of all.
-std::shared_ptr<zenk::CssEventQueue> ZenkCSSEventDispatcher::join(ZenkCSSEventDispatcher*& dispatcher) {
-    const zenk::MutexLock lock(g_creationMutex);
-    dispatcher = zenk::loadShared(m_instance);
+std::shared_ptr<zenk::CssEventQueue> zenk::CssEventQueue::join(ZenkCSSEventDispatcher*& dispatcher) {
+    const MutexLock lock(g_creationMutex);
+    dispatcher = loadShared(ZenkCSSEventDispatcher::m_instance);
     if (dispatcher == nullptr) dispatcher = new ZenkCSSEventDispatcher;  // which stores itself in m_instance
     return dispatcher->m_events;
+}
+
+void zenk::queueEvent(CssEventQueue& events, const ZenkDispatcherInfo& record) {
+    if (events.isOpen()) ::queueEvent(events, &record);
 }
 
 void ZenkCSSEventDispatcher::startEventThread() {
@@ -113,18 +116,14 @@ void ZenkCSSEventDispatcher::stopEventThread() {
 }
 
 void ZenkCSSEventDispatcher::queueEvent(ZenkDispatcherInfo* info) {
-    const Trace trace;
-    if (info == nullptr) return trace.fail();
-    addTraced(*m_events, std::as_const(*info), trace);
+    ::queueEvent(*m_events, info);
 }
 
 void ZenkCSSEventDispatcher::processEvent() {
-    using End = zenk::CssEventQueue::End;
     const Trace trace;
     // From the first delivery on this object may be gone, destroyed by a callback.
     const std::shared_ptr<zenk::CssEventQueue> events = m_events;
-    const End end = m_keepRunning ? events->run(deliverAndContain) : End::kClosed;
-    if (end == End::kStopped) pthread_exit(nullptr);  // a thread that is stopped leaves no line
+    if (m_keepRunning) events->run(deliverAndContain);
     trace.fail();
     trace.leave();
 }
@@ -200,7 +199,7 @@ ZenkCSSCIIServer::ZenkCSSCIIServer(std::string& initString) : m_initString(initS
 
 // No trace of its own, so that each constructor writes its two lines once.
 void ZenkCSSCIIServer::setUp() {
-    m_events = ZenkCSSEventDispatcher::join(m_dispatcher);
+    m_events = zenk::CssEventQueue::join(m_dispatcher);
     std::atomic_ref(m_instance).store(this);
     m_maxClientNum = zenk::readCssClientLimit();
     std::printf("CII m_maxClientNum = %d\n", m_maxClientNum);
@@ -264,7 +263,7 @@ void ZenkCSSCIIServer::onClientLeave(int clientId) {
 }
 
 void ZenkCSSCIIServer::post(ZenkCSSEvent event, int clientId, std::string message) {
-    if (m_dispatcher != nullptr) queueEvent(*m_events, {event, this, clientId, std::move(message)});
+    if (m_dispatcher != nullptr) zenk::queueEvent(*m_events, {event, this, clientId, std::move(message)});
 }
 
 int ZenkCSSCIIServer::getCssServerStatus() {
@@ -384,7 +383,7 @@ ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) : m_initString(initStr
 
 // No trace of its own, so that each constructor writes its two lines once.
 void ZenkCSSTSServer::setUp() {
-    m_events = ZenkCSSEventDispatcher::join(m_dispatcher);
+    m_events = zenk::CssEventQueue::join(m_dispatcher);
     std::atomic_ref(m_instance).store(this);
     m_maxClientNum = zenk::readCssClientLimit();
     std::printf("TS m_maxClientNum = %d\n", m_maxClientNum);
@@ -448,7 +447,7 @@ void ZenkCSSTSServer::onClientLeave(int clientId) {
 }
 
 void ZenkCSSTSServer::post(ZenkCSSEvent event, int clientId, std::string message) {
-    if (m_dispatcher != nullptr) queueEvent(*m_events, {event, this, clientId, std::move(message)});
+    if (m_dispatcher != nullptr) zenk::queueEvent(*m_events, {event, this, clientId, std::move(message)});
 }
 
 int ZenkCSSTSServer::getCssServerStatus() {
@@ -666,7 +665,7 @@ WCEnd answerRequests(WCExchange& exchange, unsigned char& running, unsigned char
 
 ZenkCSSWCServer::ZenkCSSWCServer() : m_running(0), m_enableInterDevSync(0) {
     ZENK_TRACE_ENTER();
-    ZenkCSSEventDispatcher::join(m_dispatcher);
+    zenk::CssEventQueue::join(m_dispatcher);
     std::atomic_ref(m_instance).store(this);
     ZENK_TRACE_LEAVE();
 }

@@ -104,13 +104,8 @@ public:
     static ZenkCSSEventDispatcher* m_instance;
 
 private:
-    friend class ZenkCSSCIIServer;
-    friend class ZenkCSSTSServer;
-    friend class ZenkCSSWCServer;
+    friend class zenk::CssEventQueue;
     friend ZENK_API void* cssEventThread(void* dispatcher);
-
-    /// Finds the dispatcher of the process, or creates it; two threads do not create two. @return its queue
-    ZENK_HIDDEN static std::shared_ptr<zenk::CssEventQueue> join(ZenkCSSEventDispatcher*& dispatcher);
 
     // Hosts are built with the size of this object. The four below hold its layout: what they stand for is in m_events.
     std::atomic<pthread_t> m_threadId;  // any thread; 0 when there is none to stop

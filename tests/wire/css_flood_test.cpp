@@ -61,7 +61,9 @@ TEST(CssFlood, NeitherStopsTheNetworkNorFillsMemoryWhenTheHostBlocks) {
     std::thread stayingThread([&] { flood(staying, 's', 10 * kPatience, sentByStaying); });
     flood(leaving, 'l', std::chrono::seconds(1), sentByLeaving);
     EXPECT_LT(sentByLeaving, kMessages);
-    const int sentBefore = sentByStaying;
+    int sentBefore = -1;
+    for (; sentBefore != sentByStaying; std::this_thread::sleep_for(std::chrono::milliseconds(500)))
+        sentBefore = sentByStaying;
     for (int i = 0; i < 100; ++i) EXPECT_TRUE(pair.exchange());
     leaving.reset();
     EXPECT_TRUE(waitUntil([&] { return css.ciiClientIdExists(3) == 0; })) << "its reset is seen";
