@@ -11,6 +11,7 @@
 
 #include "platform/ws_context.h"
 #include "platform/ws_limits.h"
+#include "platform/zenk_websockets.h"
 
 namespace zenk_ws {
 
@@ -32,7 +33,11 @@ int answerToClose(std::span<const std::uint8_t> body) {
 }  // namespace
 
 Connection::Connection(Context& context, ::lws* wsi, std::uint64_t serial)
-    : m_context(context), m_wsi(wsi), m_serial(serial), m_queue(context.pool()) {
+    : m_context(context),
+      m_wsi(wsi),
+      m_serial(serial),
+      m_recordFields(std::make_unique<std::uint8_t[]>(context.records().shape().fieldBytes())),
+      m_queue(context.pool()) {
 }
 
 // ---------------------------------------------------------------- events
@@ -103,8 +108,40 @@ void Connection::onGone() {
     m_context.setPhase(*this, Phase::Ended);
     m_queue.clear();
     m_inLibrary = 0;
+    dropMessage();
     releaseSenders();
     leaveHolders();
+}
+
+// ---------------------------------------------------------------- the session record
+
+void* Connection::borrowRecord() {
+    if (m_record == nullptr) {
+        m_record = m_context.records().take();
+        m_record->setFields(m_recordFields.get());
+    }
+    return m_record->data();
+}
+
+void Connection::returnRecord() {
+    if (m_isMessageBegun) {
+        // The next event, whosever it is, needs another.
+        if (m_context.records().refill()) return;
+        _lws_log(kLogError, "ending a connection: no memory for the rest of its message\n");
+        dropMessage();
+        kill();
+    }
+    m_record->getFields(m_recordFields.get());
+    m_context.records().giveBack(std::move(m_record));
+}
+
+/// The rest of it will not come.
+void Connection::dropMessage() {
+    m_isMessageBegun = false;
+    if (m_record == nullptr) return;
+    m_record->getFields(m_recordFields.get());
+    m_record->clear();
+    m_record->setFields(m_recordFields.get());
 }
 
 // ---------------------------------------------------------------- sending
@@ -128,7 +165,7 @@ bool Connection::writeInPlace(const FrameHeader& header, std::span<const std::ui
     if (sender == nullptr || m_isDead) return false;
     std::uint8_t* const frame = const_cast<std::uint8_t*>(payload.data()) - header.size;
     const std::size_t frameBytes = header.size + payload.size();
-    if (!sender->m_record.holds(frame, frameBytes)) return false;
+    if (sender->m_record == nullptr || !sender->m_record->holds(frame, frameBytes)) return false;
     m_context.flushThrough(*this);
     if (!m_queue.isEmpty() || ::lws_partial_buffered(m_wsi) != 0) return false;
 
@@ -291,12 +328,6 @@ void Connection::kill() {
 
 // ---------------------------------------------------------------- what no event tells
 
-void Connection::releaseWhenIdle(void* area, std::size_t length) {
-    m_quietBytes = area == m_quietArea ? std::max(m_quietBytes, length) : length;
-    m_quietArea = area;
-    m_context.watch(*this);
-}
-
 bool Connection::tick(LoopClock::time_point now) {
     if (m_isDead) return false;
     if (!m_isReading) checkStoppedPeer();
@@ -306,8 +337,7 @@ bool Connection::tick(LoopClock::time_point now) {
     } else {
         checkProgress(now);
     }
-    const bool isQuiet = hasQuietRecord(now);
-    return !m_isDead && (!m_isReading || backlog() != 0 || phase() != Phase::Open || !isQuiet);
+    return !m_isDead && (!m_isReading || backlog() != 0 || phase() != Phase::Open);
 }
 
 void Connection::checkProgress(LoopClock::time_point now) {
@@ -329,15 +359,6 @@ bool Connection::hasPeerTakenMore() {
     const bool hasMoved = info.tcpi_bytes_acked != m_bytesAcked;
     m_bytesAcked = info.tcpi_bytes_acked;
     return hasMoved;
-}
-
-/// @return true if there is nothing to give back, or it has been given back
-bool Connection::hasQuietRecord(LoopClock::time_point now) {
-    if (m_quietArea == nullptr) return true;
-    if (m_isMessageBegun || now - m_heardAt < limits().quietRecord) return false;
-    m_record.releasePages(m_quietArea, m_quietBytes);
-    m_quietArea = nullptr;
-    return true;
 }
 
 void Connection::heartbeat(LoopClock::time_point now) {

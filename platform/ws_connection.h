@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -37,7 +38,6 @@ public:
 
     ::lws* wsi() const { return m_wsi; }
     std::uint64_t serial() const { return m_serial; }
-    SessionRecord& record() { return m_record; }
     std::optional<RequestTarget>& target() { return m_target; }
 
     Phase phase() const { return m_phase.load(std::memory_order_relaxed); }
@@ -66,7 +66,11 @@ public:
     void kill();
 
     void setCallerHold(bool isHeld);
-    void releaseWhenIdle(void* area, std::size_t length);
+
+    /// The session record that is lent for the current event, with this connection's fields in it.
+    void* borrowRecord();
+    /// Ends the loan. While a message is in progress the connection keeps the record.
+    void returnRecord();
 
     /// Looks after what no event tells. @return false when there is nothing to look after any more
     bool tick(LoopClock::time_point now);
@@ -96,19 +100,20 @@ private:
     void askForKeepAlive();
     void checkStoppedPeer();
 
+    void dropMessage();
     bool checkText(std::span<const std::uint8_t> piece);
     void checkProgress(LoopClock::time_point now);
     void checkClose(LoopClock::time_point now);
     bool hasPeerTakenMore();
     void sendPing();
-    bool hasQuietRecord(LoopClock::time_point now);
 
     Context& m_context;
     ::lws* const m_wsi;
     const std::uint64_t m_serial;
-    std::atomic<Phase> m_phase{Phase::Handshake};  // changed under the context's lock
-    SessionRecord m_record;
-    std::optional<RequestTarget> m_target;  // until the connection is established
+    std::atomic<Phase> m_phase{Phase::Handshake};    // changed under the context's lock
+    std::unique_ptr<SessionRecord> m_record;         // during an event, and while a message is in progress
+    std::unique_ptr<std::uint8_t[]> m_recordFields;  // what of the record is kept between events
+    std::optional<RequestTarget> m_target;           // until the connection is established
 
     // Sending.
     SendQueue m_queue;
@@ -138,9 +143,6 @@ private:
     bool m_isDead = false;          // killed, its close event is under way
     int m_closeStatus = 0;
     LoopClock::time_point m_closeAskedAt;
-
-    void* m_quietArea = nullptr;  // to be given back when the connection is quiet
-    std::size_t m_quietBytes = 0;
 };
 
 }  // namespace zenk_ws

@@ -3,7 +3,9 @@
 #include <ev.h>
 
 #include <algorithm>
+#include <new>
 
+#include "platform/receive_buffers.h"
 #include "platform/ws_limits.h"
 
 namespace zenk_ws {
@@ -13,8 +15,6 @@ namespace {
 constexpr lws_usec_t kTickMicroseconds = 10'000;
 constexpr std::chrono::milliseconds kWatchEvery{100};
 constexpr std::chrono::milliseconds kHeartbeatEvery{1'000};
-// A read takes the smaller of the two; the library's 4 KiB halve the throughput of large messages.
-constexpr unsigned int kReadBytes = 128 * kKiB;
 // One send() takes no more than this.
 constexpr std::size_t kSendBytes = kMiB;
 
@@ -56,7 +56,11 @@ std::unique_ptr<Context> Context::create(const lws_context_creation_info& info) 
     return context;
 }
 
-Context::Context(const lws_context_creation_info& info) : m_upper(info.protocols), m_protocols{} {
+Context::Context(const lws_context_creation_info& info)
+    : m_upper(info.protocols),
+      m_protocols{},
+      m_records({m_upper->per_session_data_size, m_upper->message_area_offset, m_upper->message_area_size}) {
+    if (!m_records.refill()) throw std::bad_alloc();
     m_protocols[0].name = m_upper->name;
     m_protocols[0].callback = onEvent;
     m_protocols[0].rx_buffer_size = std::max<std::size_t>(m_upper->rx_buffer_size, kReadBytes);
@@ -65,6 +69,7 @@ Context::Context(const lws_context_creation_info& info) : m_upper(info.protocols
 }
 
 bool Context::open(const lws_context_creation_info& info, bool isWithLibev) {
+    installReceiveBuffers();
     ::lws_context_creation_info ours{};
     ours.port = info.port;
     ours.iface = info.iface;

@@ -47,6 +47,7 @@ public:
 
     // For Connection.
     BufferPool& pool() { return m_pool; }
+    RecordPool& records() { return m_records; }
     LoopClock::time_point now() const { return m_clock.now(); }
     LoopClock::time_point exactNow() const { return m_clock.exactNow(); }
     bool isStopping() const { return m_isStopping; }
@@ -89,6 +90,7 @@ private:
     void onClosed(Connection& connection);
     void forget(Connection& connection);
     int tellUp(::lws* wsi, int reason, void* user, void* in, std::size_t len) const;
+    int tellUp(Connection& connection, int reason, void* in = nullptr, std::size_t len = 0) const;
     template <typename Work>
     static bool doFor(Connection& connection, Work&& work);
 
@@ -137,6 +139,7 @@ private:
     std::unordered_map<::lws*, std::unique_ptr<Connection>> m_connections;
     std::uint64_t m_lastSerial = 0;
     BufferPool m_pool;
+    RecordPool m_records;
     std::vector<Connection*> m_flushList;  // in the order in which they were first written to; null where one has gone
     std::size_t m_flushHead = 0;
     std::unordered_set<Connection*> m_watched;

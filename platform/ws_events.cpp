@@ -3,6 +3,7 @@
 
 #include <exception>
 
+#include "platform/receive_buffers.h"
 #include "platform/ws_context.h"
 #include "platform/ws_handshake.h"
 
@@ -26,6 +27,20 @@ bool leavesSpareDescriptors(int fd) {
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
     return static_cast<rlim_t>(fd) + kSpareDescriptors < limit.rlim_cur;
 }
+
+/// The session record, lent to a connection for one event.
+class RecordLoan {
+public:
+    explicit RecordLoan(Connection& connection) : m_connection(connection), m_record(connection.borrowRecord()) {}
+    ~RecordLoan() { m_connection.returnRecord(); }
+    RecordLoan(const RecordLoan&) = delete;
+    RecordLoan& operator=(const RecordLoan&) = delete;
+    void* record() const { return m_record; }
+
+private:
+    Connection& m_connection;
+    void* const m_record;
+};
 
 }  // namespace
 
@@ -96,6 +111,11 @@ int Context::tellUp(::lws* wsi, int reason, void* user, void* in, std::size_t le
     return m_upper->callback(wsi, reason, user, in, len);
 }
 
+int Context::tellUp(Connection& connection, int reason, void* in, std::size_t len) const {
+    const RecordLoan loan(connection);
+    return tellUp(connection.wsi(), reason, loan.record(), in, len);
+}
+
 /// A connection that libwebsockets cannot accept keeps its listening socket ready: it would spin and fill the system
 /// log until somebody leaves. So the last ones are accepted and ended.
 int Context::onAccept(::lws* wsi, int fd) {
@@ -108,8 +128,8 @@ int Context::onAccept(::lws* wsi, int fd) {
 }
 
 int Context::onHandshake(::lws* wsi) {
+    if (!reserveReceiveBuffer()) return refuseHandshake(wsi, kServiceUnavailable);
     auto made = std::make_unique<Connection>(*this, wsi, ++m_lastSerial);
-    if (!made->record().allocate(m_upper->per_session_data_size)) return refuseHandshake(wsi, kServiceUnavailable);
     made->target() = readRequestTarget(wsi);
     Connection& connection = *made;
     {
@@ -117,7 +137,7 @@ int Context::onHandshake(::lws* wsi) {
         m_connections[wsi] = std::move(made);
     }
     ::lws_set_opaque_user_data(wsi, &connection);
-    const int result = tellUp(wsi, kEventFilterProtocolConnection, connection.record().data(), nullptr, 0);
+    const int result = tellUp(connection, kEventFilterProtocolConnection);
     if (result == 0) return 0;
     forget(connection);
     return refuseHandshake(wsi, result);
@@ -126,14 +146,14 @@ int Context::onHandshake(::lws* wsi) {
 void Context::onEstablished(Connection& connection) {
     ++m_announced;
     connection.onEstablished();
-    tellUp(connection.wsi(), kEventEstablished, connection.record().data(), nullptr, 0);
+    tellUp(connection, kEventEstablished);
     connection.target().reset();
 }
 
 void Context::onReceive(Connection& connection, void* in, std::size_t len) {
     if (!connection.onReceive({static_cast<const std::uint8_t*>(in), len})) return;
     m_receiving = &connection;
-    tellUp(connection.wsi(), kEventReceive, connection.record().data(), in, len);
+    tellUp(connection, kEventReceive, in, len);
     m_receiving = nullptr;
 }
 
@@ -143,7 +163,7 @@ void Context::onClosed(Connection& connection) {
     connection.onGone();
     if (isAnnounced) {
         --m_announced;
-        tellUp(connection.wsi(), kEventClosed, connection.record().data(), nullptr, 0);
+        tellUp(connection, kEventClosed);
     }
     forget(connection);
 }

@@ -30,7 +30,6 @@ struct Limits {
     std::chrono::milliseconds closeStall{5'000};     // the same once a close was asked for, and for its answer
     std::chrono::milliseconds closeTotal{30'000};    // a close ends by then, whatever the peer does
     std::chrono::milliseconds goodbye{100};          // what the clients of a stopping server get to say goodbye
-    std::chrono::milliseconds quietRecord{1'000};    // after that a record's pages go back
 
     // A phone that left the house holds its place no longer than this; one that sleeps answers a ping in a second.
     std::chrono::milliseconds pingAfter{60'000};

@@ -146,15 +146,6 @@ int lws_frame_is_binary(::lws* wsi) {
     return ::lws_frame_is_binary(wsi);
 }
 
-void release_when_idle(::lws* wsi, void* area, std::size_t length) {
-    Connection* const connection = servedConnection(wsi);
-    if (connection == nullptr) return;
-    guarded([&] {
-        connection->releaseWhenIdle(area, length);
-        return 0;
-    });
-}
-
 void lws_set_log_level(int level, void (*emit)(int level, const char* line)) {
     g_emit.store(emit, std::memory_order_relaxed);
     ::lws_set_log_level(level, emit == nullptr ? nullptr : emitUnlessChatter);

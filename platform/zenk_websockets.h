@@ -50,7 +50,7 @@ inline constexpr int kLogError = 1;
 inline constexpr int kLogWarning = 2;
 inline constexpr int kLogNotice = 4;
 
-/// `user` is the connection's session record; null for kEventFilterNetworkConnection.
+/// `user` is the connection's session record, for the time of the event; null for kEventFilterNetworkConnection.
 /// For kEventFilterProtocolConnection a non-zero result refuses the handshake: 400 to 599 is the HTTP status that the
 /// client gets, anything else becomes 403. The results of the other events are ignored.
 using EventCallback = int (*)(::lws* wsi, int reason, void* user, void* in, std::size_t len);
@@ -62,6 +62,10 @@ struct lws_protocols {
     std::size_t rx_buffer_size;         ///< the layer reads at least this much at once
     unsigned int id;
     void* user;
+    /// The part of the record that the callback keeps zero outside a message. It is no connection's own: the layer
+    /// lends it, zero-filled, to whose message is in progress.
+    std::size_t message_area_offset;
+    std::size_t message_area_size;
 };
 
 struct lws_context_creation_info {
@@ -108,10 +112,6 @@ const char* lws_hdr_simple_ptr(::lws* wsi, int token);
 /// In a receive event: non-zero for the last fragment of a message, for a binary message.
 int lws_is_final_fragment(::lws* wsi);
 int lws_frame_is_binary(::lws* wsi);
-
-/// The caller says that `area`, inside the connection's session record, is all zero again. When the connection has been
-/// quiet for a while its pages go back to the system; it stays readable as zeros. Costs next to nothing.
-void release_when_idle(::lws* wsi, void* area, std::size_t length);
 
 void lws_set_log_level(int level, void (*emit)(int level, const char* line));
 void lwsl_emit_syslog(int level, const char* line);

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -23,8 +24,7 @@ static_assert(kSessionHeadroom == zenk_ws::kHeadroom);
 
 namespace {
 
-constexpr int kServiceWaitMs = 10;            // also how long a stop may go unnoticed
-constexpr std::size_t kLargeMessage = 16384;  // from here on the pages are worth giving back
+constexpr int kServiceWaitMs = 10;  // also how long a stop may go unnoticed
 
 Client* g_client = nullptr;       // written by startWebSocketServer before it serves, read on the service thread
 std::atomic<int> g_forceExit{0};  // set by sighandler, never cleared
@@ -43,21 +43,19 @@ Target clampedTo(Value value) {
 /// Brings a record back to rest when its message is done with, also when the client threw.
 class MessageEnd {
 public:
-    MessageEnd(lws* wsi, ClientSessionData& session) : m_wsi(wsi), m_session(session) {}
+    explicit MessageEnd(ClientSessionData& session) : m_session(session) {}
 
     // Only what this message wrote needs clearing: the rest is zero already.
     ~MessageEnd() {
         const std::size_t written = std::min<std::size_t>(m_session.rx, kMaxMessageBytes);
         std::memset(payloadOf(m_session), 0, written);
         m_session.rx = 0;
-        if (written >= kLargeMessage) zenk_ws::release_when_idle(m_wsi, payloadOf(m_session), written);
     }
 
     MessageEnd(const MessageEnd&) = delete;
     MessageEnd& operator=(const MessageEnd&) = delete;
 
 private:
-    lws* const m_wsi;
     ClientSessionData& m_session;
 };
 
@@ -73,8 +71,8 @@ void appendFragment(ClientSessionData& session, const void* in, std::size_t len)
     session.rx = clampedTo<std::uint32_t>(std::uint64_t{session.rx} + len);
 }
 
-void deliverMessage(lws* wsi, ClientSessionData& session) {
-    const MessageEnd end(wsi, session);
+void deliverMessage(ClientSessionData& session) {
+    const MessageEnd end(session);
     unsigned char* const message = payloadOf(session);
     std::size_t length = std::min<std::size_t>(session.rx, kMaxMessageBytes);
     // A text that was cut must not end inside a character, or its relay would be an invalid frame. One that just fills
@@ -91,7 +89,7 @@ int onReceive(lws* wsi, ClientSessionData* session, const void* in, std::size_t 
     session->final = zenk_ws::lws_is_final_fragment(wsi);
     session->binary = zenk_ws::lws_frame_is_binary(wsi);
     appendFragment(*session, in, len);
-    if (session->final != 0) deliverMessage(wsi, *session);
+    if (session->final != 0) deliverMessage(*session);
     return 0;
 }
 
@@ -177,8 +175,9 @@ __attribute__((no_sanitize("null"))) int webSocketCallback(lws* wsi, int reason,
 }
 
 const zenk_ws::lws_protocols webSocketProtocols[] = {
-    {"", webSocketCallback, sizeof(ClientSessionData), kMaxMessageBytes, 0, nullptr},
-    {nullptr, nullptr, 0, 0, 0, nullptr},
+    {"", webSocketCallback, sizeof(ClientSessionData), kMaxMessageBytes, 0, nullptr, offsetof(ClientSessionData, buf),
+     sizeof(ClientSessionData::buf)},
+    {},
 };
 
 // A connection on one of them would get what the process prints; and pairing takes socket number 0 for "no socket".

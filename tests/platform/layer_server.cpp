@@ -1,7 +1,10 @@
 #include "tests/platform/layer_server.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace zenk_test {
 
@@ -17,6 +20,11 @@ struct Record {
     unsigned char payload[131072];
 };
 
+bool isClean(const Record& record) {
+    const auto isZero = [](unsigned char byte) { return byte == 0; };
+    return record.used == 0 && !record.isBegun && std::all_of(record.payload, std::end(record.payload), isZero);
+}
+
 std::string textOf(const char* text) {
     return text == nullptr ? "-" : text;
 }
@@ -30,6 +38,8 @@ LayerServer::LayerServer(int port) : m_protocols{} {
     m_protocols[0].callback = onEvent;
     m_protocols[0].per_session_data_size = sizeof(Record);
     m_protocols[0].rx_buffer_size = 131072;
+    m_protocols[0].message_area_offset = offsetof(Record, headroom);
+    m_protocols[0].message_area_size = sizeof(Record::headroom) + sizeof(Record::payload);
     zenk_ws::lws_context_creation_info info{};
     info.port = port;
     info.protocols = m_protocols;
@@ -69,7 +79,7 @@ lws* LayerServer::connection(const std::string& path) {
 
 int LayerServer::onEvent(lws* wsi, int reason, void* user, void* in, std::size_t len) {
     LayerServer& self = *s_server;
-    if (reason == zenk_ws::kEventFilterProtocolConnection) return self.filter(wsi);
+    if (reason == zenk_ws::kEventFilterProtocolConnection) return self.filter(wsi, user);
     if (reason == zenk_ws::kEventReceive) {
         self.relay(wsi, user, in, len);
         return 0;
@@ -80,7 +90,7 @@ int LayerServer::onEvent(lws* wsi, int reason, void* user, void* in, std::size_t
         const std::string path = textOf(zenk_ws::lws_hdr_simple_ptr(wsi, zenk_ws::kTokenPath));
         self.m_paths[wsi] = path;
         self.m_live[path] = wsi;
-        if (user == nullptr) std::abort();
+        self.checkRecord(user);
     }
     if (reason == zenk_ws::kEventClosed) {
         ++self.m_counts.closed;
@@ -96,8 +106,13 @@ int LayerServer::onEvent(lws* wsi, int reason, void* user, void* in, std::size_t
     return 0;
 }
 
-int LayerServer::filter(lws* wsi) {
+void LayerServer::checkRecord(const void* user) {
+    m_counts.dirtyRecords += !isClean(*static_cast<const Record*>(user));
+}
+
+int LayerServer::filter(lws* wsi, const void* user) {
     const std::lock_guard lock(m_mutex);
+    checkRecord(user);
     ++m_counts.filtered;
     m_lastTarget = textOf(zenk_ws::lws_hdr_simple_ptr(wsi, zenk_ws::kTokenPath)) + " " +
                    textOf(zenk_ws::lws_hdr_simple_ptr(wsi, zenk_ws::kTokenQuery));
@@ -128,6 +143,7 @@ void LayerServer::relay(lws* wsi, void* user, const void* in, std::size_t len) {
                                                        : zenk_ws::kWriteText;
         if (!isLast) type |= zenk_ws::kWriteNoFin;
         if (partner != nullptr) zenk_ws::lws_write(partner, record.payload, static_cast<int>(record.used), type);
+        std::memset(record.payload, 0, record.used);
         record.isBegun = !isLast;
         record.used = 0;
     };

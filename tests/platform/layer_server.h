@@ -30,6 +30,7 @@ public:
 
     struct Counts {
         int filtered = 0, established = 0, closed = 0, closedUnannounced = 0, finalFragments = 0;
+        int dirtyRecords = 0;  // lent to a connection although somebody's message stood in it
     };
     Counts counts();
     /// The path and query that the last handshake showed, "-" where one was absent.
@@ -45,7 +46,8 @@ public:
 private:
     static int onEvent(lws* wsi, int reason, void* user, void* in, std::size_t len);
     void serve();
-    int filter(lws* wsi);
+    int filter(lws* wsi, const void* user);
+    void checkRecord(const void* user);
     void relay(lws* wsi, void* user, const void* in, std::size_t len);
     lws* partnerOf(const std::string& path);
 

@@ -127,10 +127,15 @@ TEST_F(Layer, ClosesWithTheFirstStatusAfterWhatIsQueued) {
 
 TEST_F(Layer, TellsThePartnerWhenOneSideGoesInAnyWay) {
     serve();
-    const auto ways = {+[](RawClient& client) { client.reset(); }, +[](RawClient& client) { client.close(); },
+    const auto ways = {+[](RawClient& client) { client.reset(); },
+                       +[](RawClient& client) { client.close(); },
                        +[](RawClient& client) { client.send(clientFrame(0x88, "\x03\xE8")); },
                        +[](RawClient& client) {
                            client.send("\x81\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF");
+                           client.reset();
+                       },
+                       +[](RawClient& client) {
+                           client.send(clientFrame(0x01, std::string(100'000, 'x')));  // its message never ends
                            client.reset();
                        },
                        +[](RawClient& client) { client.send("\xF1\x80"); }};
@@ -147,6 +152,7 @@ TEST_F(Layer, TellsThePartnerWhenOneSideGoesInAnyWay) {
         left.close();
         EXPECT_TRUE(waitForCounts(ended, ended));
     }
+    EXPECT_EQ(m_server->counts().dirtyRecords, 0);
 }
 
 TEST_F(Layer, CutsAPeerThatDoesNotAnswerItsClose) {

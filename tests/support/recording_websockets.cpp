@@ -156,11 +156,6 @@ int lws_frame_is_binary(::lws* wsi) {
     return connectionOf(wsi).isBinary ? 1 : 0;
 }
 
-void release_when_idle(::lws* wsi, void* /*area*/, std::size_t length) {
-    const Lock lock(g_mutex);
-    record(zenk_test::Action::kReleased, wsi, static_cast<int>(length));
-}
-
 void lws_set_log_level(int level, void (*emit)(int level, const char* line)) {
     traceCall("log level " + std::to_string(level) + (emit == lwsl_emit_syslog ? " to syslog" : ""));
 }

@@ -13,7 +13,7 @@ namespace zenk_test {
 
 /// Plays one thing that happens on a connection, or records one thing that the server did to it.
 struct Action {
-    enum Kind { kWrite, kClose, kReception, kReleased } kind;
+    enum Kind { kWrite, kClose, kReception } kind;
     lws* wsi;
     int code;           ///< frame type, close status, or whether reception is on
     std::string bytes;  ///< payload of a write
