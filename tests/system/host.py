@@ -111,13 +111,20 @@ class Program:
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
+    def status(self, name):
+        """A number of the process, such as "VmRSS" in KiB; None when it has ended."""
+        text = pathlib.Path(f"/proc/{self.pid}/status").read_text(encoding="ascii")
+        found = re.search(rf"^{name}:\s+(\d+)", text, re.MULTILINE)
+        return found and int(found[1])
+
 
 class Host(Program):
     """zenk_receiver on free ports, ready to serve unless `ready` says not to wait for it. `urls` has its URLs by name."""
 
-    def __init__(self, *arguments, ready=True, **options):
+    def __init__(self, *arguments, ready=True, prefix=(), **options):
         self.port, self.wc_port = free_port(), free_port()
-        super().__init__(BUILD / "zenk_receiver", "--port", self.port, "--wc-port", self.wc_port, *arguments, **options)
+        super().__init__(*prefix, BUILD / "zenk_receiver", "--port", self.port, "--wc-port", self.wc_port, *arguments,
+                         **options)
         self.urls = {}
         while ready and (line := self.line()) != "ready":
             if line is None:
