@@ -1,8 +1,5 @@
-// Where the receiver finds its address, and what becomes of URLs without one.
+// Where the receiver finds its address, and who asks for it last.
 #include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstdlib>
 
 #include "log/zenk_log.h"
 #include "tests/support/outside.h"
@@ -17,16 +14,13 @@ const std::string kNumbers = "\t0001A8C0\t00000000\t0003\t0\t0\t0\t00FFFFFF\t0\t
 TEST(RouteTable, FirstCompleteLineNamesTheInterface) {
     const std::pair<std::string, std::string> cases[] = {
         {"", "none"},
-        {kHeader, ""},
         {"no newline", ""},
         {kHeader + "eth0" + kNumbers + "wlan0" + kNumbers, "eth0"},
         {kHeader + "a-name-of-19-letters" + kNumbers, "s"},
-        {kHeader + "0123456789abcdefghi" + kNumbers, "0123456789abcdefghi"},
         // The first line lacks columns: "wlan0" stops it, and is read on as a name of its own.
         {kHeader + "eth0\t1\t2\nwlan0" + kNumbers, "wlan0"},
         // A short line takes the missing columns from the next one, whose rest is no route.
         {kHeader + "eth0\t1\t2\t3\t4\t5\t6\t7\t8\t9\nabc" + kNumbers, "abc"},
-        {kHeader + "eth0\t1\t2\t3\t4\t5\t6\n7\t8\t9\t10\n", "eth0"},
         {kHeader + "x y z\n\n\n! ! !", ""}};
     for (const auto& [text, name] : cases) {
         std::FILE* const table = std::tmpfile();
@@ -37,30 +31,13 @@ TEST(RouteTable, FirstCompleteLineNamesTheInterface) {
     }
 }
 
-TEST(Urls, AreKeptAsTheyAreWithoutAnAddress) {
-    MediaSyncServer server;
-    outside::address = "192.168.100.200";
-    for (const std::optional<std::string>& routes : {std::optional<std::string>(), {""}, {kHeader + "lo" + kNumbers}}) {
-        outside::routes = routes;
-        std::string url = "kept";
-        server.getApp2AppLocalBaseUrl(url);
-        EXPECT_EQ(url.substr(0, 22), kHeader.size() < routes.value_or("").size() ? "ws://192.168.100.200:0" : "kept");
-    }
-    outside::routes = kHeader + "exactly15chars_more" + kNumbers;
-    char address[17] = "untouched";
-    address[15] = '#';
-    EXPECT_EQ(getLocalIpAddr(address, 15), 0);
-    EXPECT_EQ(outside::interface, "exactly15chars_");
-    EXPECT_STREQ(address, "192.168.100.200#") << "15 characters and no terminator";
-}
-
 MediaSyncServer* g_lastServer = nullptr;
 
 // Registered before the constructors of all statics, so it is called behind their destructors.
 [[gnu::constructor(101)]] void askInTheEnd() {
     std::atexit([] {
-        if (g_lastServer == nullptr) return;
         std::string url;
+        if (g_lastServer == nullptr) return;
         g_lastServer->getApp2AppLocalBaseUrl(url);
         const bool isLogEmpty = insert_modules_list("A", 1) == 0 && get_modules_list(nullptr) == 0;
         std::_Exit(isLogEmpty && zenk_log_getLevel("A") == 1 && url.size() > 60 ? 42 : 1);

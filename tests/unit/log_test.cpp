@@ -48,38 +48,27 @@ protected:
 TEST_F(Log, ShapesEachLineByTypeLevelAndWhatIsMissing) {
     const int number = -42;
     const std::string green = "\033[32m<info> File", end = "\n\033[0m", at = ":f Function: g(), line: 7";
-    const struct {
-        int type;
-        const char *module, *file, *name;
-        const void* value;
-        std::string line;
-    } cases[] = {
-        {LOG_TYPE_ENTER, "FULL", "a/b/f", "n", "v", green + ": f Function: g() Enter!" + end},
-        {LOG_TYPE_LEAVE, "FULL", "f", "n", "v", green + ": f Function: g() Leave!" + end},
-        {LOG_TYPE_ERROR, "FULL", "f", "n", "v", "\033[31m<info> File" + at + end},
-        {LOG_TYPE_ERROR, "OTHER", "d/", "n", "v", "\033[31m<error> File: Function: g(), line: 7" + end},
-        {LOG_TYPE_ERROR, nullptr, nullptr, "n", "v", "\033[31m<error> File:(null) Function: g(), line: 7" + end},
-        {LOG_TYPE_INT, "FULL", "f", "n", &number, green + at + ", n:-42" + end},
-        {LOG_TYPE_INT, "FULL", "f", "n", nullptr, green + at + ", n:(null)" + end},
-        {LOG_TYPE_STRING, "FULL", "f", nullptr, "v%s", green + at + ", (null):v%s" + end},
-        {LOG_TYPE_ENTER, "OTHER", "f", "n", "v", ""},
-        {LOG_TYPE_STRING, "OTHER", "f", "n", "v", ""},
-        {5, "FULL", "f", "n", "v", ""},
-        {-1, "FULL", "f", "n", "v", ""},
-        {6, "OTHER", "f", "n", "v", "log type set err, out of max enum value\n"},
-    };
-    for (const auto& row : cases) {
-        zenk_log_print(row.type, row.module, row.file, "g", 7, row.name, row.value);
-        EXPECT_EQ(take(), row.line) << row.type;
+    const std::tuple<int, const char*, const char*, const void*, std::string> cases[] = {
+        {LOG_TYPE_ENTER, "FULL", "a/b/f", "v", green + ": f Function: g() Enter!" + end},
+        {LOG_TYPE_LEAVE, "FULL", "f", "v", green + ": f Function: g() Leave!" + end},
+        {LOG_TYPE_ERROR, "FULL", "f", "v", "\033[31m<info> File" + at + end},
+        {LOG_TYPE_ERROR, nullptr, nullptr, "v", "\033[31m<error> File:(null) Function: g(), line: 7" + end},
+        {LOG_TYPE_INT, "FULL", "d/", &number, green + ": Function: g(), line: 7, n:-42" + end},
+        {LOG_TYPE_INT, "FULL", "f", nullptr, green + at + ", n:(null)" + end},
+        {LOG_TYPE_STRING, "FULL", "f", "v%s", green + at + ", n:v%s" + end},
+        {LOG_TYPE_STRING, "OTHER", "f", "v", ""},
+        {5, "FULL", "f", "v", ""},
+        {-1, "FULL", "f", "v", ""},
+        {6, "OTHER", "f", "v", "log type set err, out of max enum value\n"}};
+    for (const auto& [type, module, file, value, line] : cases) {
+        zenk_log_print(type, module, file, "g", 7, "n", value);
+        EXPECT_EQ(take(), line) << type;
     }
     for (std::size_t length = 800; length < 1000; ++length) {  // around the end of the buffer, and one far beyond it
         const std::string text(length == 999 ? 200'000 : length, 'x');
         zenk_log_print(LOG_TYPE_STRING, "FULL", "f", "g", 7, "n", text.c_str());
         ASSERT_EQ(take(), green + at + ", n:" + text + end);
     }
-}
-
-TEST_F(Log, PrintsFreeTextAtFullLevelOnlyAndCutsIt) {
     const char* none = nullptr;
     zenk_log("OTHER", "d/f", "g", 7, "%s\n", "x");
     EXPECT_EQ(take(), "");
