@@ -15,4 +15,4 @@ esac
 scripts/install-dependencies.sh test
 scripts/build.sh release zenk_receiver
 # Debian's own, which has the WebSocket package.
-exec /usr/bin/python3 tests/soak/soak.py --minutes "${1:-1}" --receiver build/zenk_receiver
+exec /usr/bin/python3 -B tests/system/soak.py --minutes "${1:-1}"
