@@ -75,7 +75,8 @@ bool Connection::checkText(std::span<const std::uint8_t> piece) {
 
 int Connection::onWriteable() {
     constexpr int kSendCloseFrame = -1;
-    if (m_isCloseStarted || m_isDead) return 0;  // libwebsockets comes once more when the close frame is out
+    if (m_isCloseStarted) applyReading();  // libwebsockets comes once more when the close frame is out
+    if (m_isCloseStarted || m_isDead) return 0;
     if (!pump() || m_closeStatus == 0) return 0;
     m_isCloseStarted = true;
     m_progressAt = m_context.exactNow();
@@ -92,13 +93,29 @@ int Connection::onPeerClose(std::span<const std::uint8_t> body) {
         std::uint8_t frame[] = {0x88, 2, static_cast<std::uint8_t>(status >> 8), static_cast<std::uint8_t>(status)};
         sendRaw(frame);
     }
+    endSending();
+    return status != 0 ? kEndAtOnce : kSendItBack;
+}
+
+/// libwebsockets ends the connection of itself, perhaps with a close frame. Before that can leave, it may read once
+/// more what came behind the request or was held back, and drop everything for the breach that it finds there again. So
+/// it is kept from reading until then.
+void Connection::onEnding() {
+    if (m_isCloseStarted || m_isDead) return;
+    pump();
+    endSending();
+    if (m_isDead || m_context.isStopping()) return;
+    m_isReading = false;
+    ::lws_rx_flow_control(m_wsi, 0);
+}
+
+void Connection::endSending() {
     m_isCloseStarted = true;
     m_progressAt = m_context.exactNow();
     m_context.setPhase(*this, Phase::Ended);
     m_queue.clear();
     releaseSenders();
     leaveHolders();
-    return status != 0 ? kEndAtOnce : kSendItBack;
 }
 
 void Connection::onGone() {

@@ -54,6 +54,7 @@ public:
     int onWriteable();
     /// @return what the event has to return
     int onPeerClose(std::span<const std::uint8_t> body);
+    void onEnding();
     void onGone();
 
     /// Puts one frame behind what waits. `sender` is the connection whose receive event writes, or null.
@@ -100,6 +101,7 @@ private:
     void askForKeepAlive();
     void checkStoppedPeer();
 
+    void endSending();
     void dropMessage();
     bool checkText(std::span<const std::uint8_t> piece);
     void checkProgress(LoopClock::time_point now);

@@ -78,6 +78,7 @@ int Context::dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::si
         case LWS_CALLBACK_RECEIVE_PONG:
         case LWS_CALLBACK_SERVER_WRITEABLE:
         case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
+        case LWS_CALLBACK_WS_SERVER_DROP_PROTOCOL:
         case LWS_CALLBACK_CLOSED:
         case LWS_CALLBACK_WSI_DESTROY:
             break;
@@ -100,6 +101,9 @@ int Context::dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::si
             return connection->onWriteable();
         case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
             return connection->onPeerClose({static_cast<const std::uint8_t*>(in), len});
+        case LWS_CALLBACK_WS_SERVER_DROP_PROTOCOL:
+            connection->onEnding();
+            return 0;
         default:
             onClosed(*connection);
             return 0;
@@ -137,6 +141,7 @@ int Context::onHandshake(::lws* wsi) {
         m_connections[wsi] = std::move(made);
     }
     ::lws_set_opaque_user_data(wsi, &connection);
+    ::lws_set_wsi_user(wsi, &connection);  // or there would be no LWS_CALLBACK_WS_SERVER_DROP_PROTOCOL
     const int result = tellUp(connection, kEventFilterProtocolConnection);
     if (result == 0) return 0;
     forget(connection);
@@ -171,6 +176,7 @@ void Context::onClosed(Connection& connection) {
 void Context::forget(Connection& connection) {
     ::lws* const wsi = connection.wsi();
     ::lws_set_opaque_user_data(wsi, nullptr);
+    ::lws_set_wsi_user(wsi, nullptr);
     if (connection.m_flushIndex >= 0) m_flushList[static_cast<std::size_t>(connection.m_flushIndex)] = nullptr;
     if (connection.m_isWatched) m_watched.erase(&connection);
     decltype(m_connections)::node_type gone;
