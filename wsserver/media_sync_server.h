@@ -181,7 +181,8 @@ public:
     /// they still work. @thread one thread, with no URL operation under way
     static void createRandom();
 
-    /// "ws://ADDRESS:PORT/local/hbbtv/TOKEN/": to it an application on the receiver adds its endpoint name.
+    /// "ws://ADDRESS:PORT/local/hbbtv/TOKEN/": to it an application on the receiver adds its endpoint name. A name may
+    /// have a query, but a "/" that stands alone behind its "?" or its last "&" is lost: "x?/" is the same as "x?".
     /// The four URL operations look up the receiver's address anew, see getLocalIpAddr().
     /// @param url  replaced on success; unchanged, with an error trace line, when the receiver has no address or there
     ///             is no memory
