@@ -16,7 +16,7 @@ BUILD="$BUILD libwebsockets-evlib-ev"
 TEST="libgtest-dev libboost-dev python3 python3-websockets iproute2
     chromium doxygen abigail-tools"
 BENCH="libbenchmark-dev libspdlog-dev libboost-dev python3"
-CHECK="clang libclang-rt-14-dev clang-format clang-tidy shellcheck gcovr git"
+CHECK="clang libclang-rt-14-dev clang-format clang-tidy shellcheck gcovr cloc git"
 
 # packages_of GROUP...
 packages_of() {
