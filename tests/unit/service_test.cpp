@@ -69,6 +69,7 @@ TEST_F(Service, GathersFragmentsCutsThemAtTheLimitAndLeavesNothingBehind) {
         {{full.substr(1), "bcd", "e", ""}, true, full.substr(1) + "b", 2},
         {{full.substr(1), "\xC3\xA9", ""}, false, full.substr(1) + end, 1},
         {{full.substr(3), "\xF0\x9F\x98\x80"}, false, full.substr(3) + end, 0},
+        {{full.substr(2), "\xE2\x82\xAC"}, false, full.substr(2) + end, 0},
         {{full.substr(3), "\xE2\x82\xAC" + half}, false, full.substr(3) + "\xE2\x82\xAC", 0}};
     for (const auto& [fragments, isBinary, whole, overruns] : cases) {
         testing::internal::CaptureStdout();
@@ -77,7 +78,7 @@ TEST_F(Service, GathersFragmentsCutsThemAtTheLimitAndLeavesNothingBehind) {
         EXPECT_EQ(client.last, whole);
         EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), overruns) << told;
     }
-    EXPECT_EQ(client.heard, "binary text text binary binary text text text ");
+    EXPECT_EQ(client.heard, "binary text text binary binary text text text text ");
 }
 
 // Nothing here asks for this event, but a host's layer may.
