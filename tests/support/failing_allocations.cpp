@@ -1,5 +1,7 @@
 #include "tests/support/failing_allocations.h"
 
+#include <sys/mman.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
@@ -35,4 +37,12 @@ void operator delete(void* block) noexcept {
 }
 void operator delete(void* block, std::size_t) noexcept {
     std::free(block);
+}
+
+extern "C" {
+void* __real_mmap(void* where, std::size_t bytes, int access, int flags, int fd, off_t offset);
+void* __wrap_mmap(void* where, std::size_t bytes, int access, int flags, int fd, off_t offset);
+void* __wrap_mmap(void* where, std::size_t bytes, int access, int flags, int fd, off_t offset) {
+    return isToFail() ? MAP_FAILED : __real_mmap(where, bytes, access, flags, fd, offset);
+}
 }

@@ -5,7 +5,7 @@
 
 namespace zenk_test {
 
-Server::Server() {
+Server::Server(int servedPort) : port(servedPort) {
     m_frontEnd.enablePairing = true;
     m_frontEnd.addObserver(this);
     m_thread = std::thread([this] {
@@ -36,17 +36,25 @@ int Server::opened() {
     return static_cast<int>(m_connections.size());
 }
 
+void Server::onMessage(unsigned char* message, int length, int client) {
+    const auto bytes = static_cast<std::size_t>(length);
+    if (bytes < kMaxMessageBytes && message[bytes] != 0) ++m_faults;
+    if (onText) onText(client, {reinterpret_cast<char*>(message), bytes});
+}
+
 void Server::FrontEnd::onConnect() {
+    {
+        const std::lock_guard lock(m_test.m_mutex);
+        m_test.m_connections.push_back(m_wsi);
+    }
     MediaSyncServer::onConnect();
-    const std::lock_guard lock(m_test.m_mutex);
-    m_test.m_connections.push_back(m_wsi);
 }
 
 int Server::FrontEnd::onClose() {
     {
         const std::lock_guard lock(m_test.m_mutex);
         const auto known = std::ranges::find(m_test.m_connections, m_wsi);
-        ++(known == m_test.m_connections.end() ? m_test.m_strays : m_test.m_closed);
+        ++(known == m_test.m_connections.end() ? m_test.m_faults : m_test.m_closed);
         if (known != m_test.m_connections.end()) *known = nullptr;
     }
     return MediaSyncServer::onClose();

@@ -19,7 +19,7 @@ namespace zenk_test {
 /// host: it hears of all connections outside pairing. Members of CSS servers end before it.
 class Server : public ClientObserver {
 public:
-    Server();
+    explicit Server(int servedPort = freePort());
     ~Server() override { stop(); }
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -34,32 +34,33 @@ public:
     /// Waits until the connection has come and gone.
     bool isGone(int number, Milliseconds patience = kPatience);
     int opened();
-    int closed() const { return m_closed; }  ///< close events of connections that were known
-    int strays() const { return m_strays; }  ///< those of others: never should there be one
+    int closed() const { return m_closed; }
+    /// Close events of connections that were none, and short messages without a zero behind them: there should be none.
+    int faults() const { return m_faults; }
 
     /// Called on the service thread with each message of a client outside pairing. To be set before they come.
     std::function<void(int client, const std::string& message)> onText;
-    /// What handshakes outside pairing are refused with: 1 is 403, 2 is 503.
+    /// What the filter answers to every handshake, if it is not 0.
     std::atomic<int> refusal = 0;
-    const int port = freePort();
+    const int port;
 
 private:
     struct FrontEnd : MediaSyncServer {
         explicit FrontEnd(Server& server) : m_test(server) {}
+        int onFilterConnection() override {
+            return m_test.refusal != 0 ? m_test.refusal.load() : MediaSyncServer::onFilterConnection();
+        }
         void onConnect() override;
         int onClose() override;
         Server& m_test;
     };
 
-    void onMessage(unsigned char* message, int length, int client) override {
-        if (onText) onText(client, {reinterpret_cast<char*>(message), static_cast<std::size_t>(length)});
-    }
-    int getCssServerStatus() override { return refusal; }
+    void onMessage(unsigned char* message, int length, int client) override;
 
     FrontEnd m_frontEnd{*this};
     std::mutex m_mutex;
     std::vector<lws*> m_connections;  // guarded by m_mutex; null: it has closed
-    std::atomic<int> m_closed = 0, m_strays = 0;
+    std::atomic<int> m_closed = 0, m_faults = 0;
     std::atomic<bool> m_hasEnded = false;
     std::thread m_thread;
 };

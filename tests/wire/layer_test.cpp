@@ -1,0 +1,210 @@
+// Who gets in, what a connection is told, and how it ends.
+#include <sys/resource.h>
+
+#include <list>
+#include <random>
+
+#include "tests/wire/wire.h"
+
+namespace zenk_test {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// With libwebsockets' libev loop, and with its poll loop.
+struct Layer : Wire, testing::WithParamInterface<bool> {
+    void SetUp() override {
+        zenk_ws::limits().mayUseLibev = GetParam();
+        serve();
+    }
+
+    std::string statusFor(const std::string& request) {
+        RawClient client;
+        if (!client.connect(server->port) || !client.send(request)) return "none";
+        const std::string head = client.receiveUntil("\r\n\r\n");
+        return client.waitForEnd() ? head.substr(0, head.find(' ', 9)) : head + " and stays";
+    }
+};
+
+TEST_P(Layer, RefusesWhatIsNoHandshakeForItAndTellsNobody) {
+    const std::string good = handshakeRequest("/x");
+    const auto with = [&](std::string_view what, std::string_view by) {
+        return std::string(good).replace(good.find(what), what.size(), by);
+    };
+    for (const auto& [request, status] : {std::pair{std::string("GET / HTTP/1.1\r\nHost: x\r\n\r\n"), 426},
+                                          {"CONNECT x:1 HTTP/1.1\r\nHost: x\r\n\r\n", 405},
+                                          {with("Host:", "Sec-WebSocket-Protocol: chat\r\nHost:"), 400},
+                                          {with("Upgrade: websocket", "Upgrade: h2c"), 400},
+                                          {with("GET", "POST"), 405},
+                                          {with("Version: 13", "Version: 8"), 426}}) {
+        EXPECT_EQ(statusFor(request), "HTTP/1.1 " + std::to_string(status)) << request;
+    }
+    for (const auto& [refusal, status] : {std::pair{403, "403"}, {503, "503"}, {1, "403"}, {-1, "403"}, {600, "403"}}) {
+        server->refusal = refusal;
+        EXPECT_EQ(statusFor(good), std::string("HTTP/1.1 ") + status) << refusal;
+    }
+    server->stop();
+    EXPECT_EQ(server->opened() + server->faults(), 0);
+}
+
+TEST_P(Layer, TellsTheWholeTarget) {
+    int number = 0;
+    for (const std::string target :
+         {"/x", "/x?", "/x?a=1&b=2", "/x?a=1&", "/x?a=1&&b=2", "/x?&", "/x?a=/y?z", "/a&b/c", "/x?b%26/"}) {
+        RawClient client;
+        std::string url;
+        ASSERT_TRUE(client.upgrade(server->port, target));
+        ++number;
+        EXPECT_TRUE(waitUntil([&] { return server->frontEnd().copyUrl(number, url); }));
+        EXPECT_EQ(url, target == "/x?b%26/" ? "/x?b&/" : target);
+    }
+}
+
+TEST_P(Layer, ClosesWithTheFirstStatusBehindWhatIsQueued) {
+    const auto sayLast = [this](int number) {
+        write(number, "last");
+        close(number, 1001);
+        close(number, 1000);
+        EXPECT_LT(write(number, "late"), 0);
+    };
+    server->onText = [&](int number, const std::string&) { sayLast(number); };
+    for (const int number : {1, 2}) {
+        RawClient client;
+        ASSERT_TRUE(client.upgrade(server->port, "/x"));
+        number == 1 ? sayLast(number) : void(client.sendText("now, on the service thread"));
+        EXPECT_EQ(client.receiveText(), "last");
+        EXPECT_EQ(client.closeCode(), 1001);
+        client.close();
+        EXPECT_TRUE(server->isGone(number));
+    }
+    EXPECT_EQ(server->closed(), 2);
+}
+
+TEST_P(Layer, EndsThePartnerOfWhoGoesInAnyWayAndKeepsNothingOfIt) {
+    const struct {
+        std::string sent;
+        void (RawClient::*end)();
+    } ways[] = {{"", &RawClient::reset},
+                {"", &RawClient::close},
+                {clientFrame(0x88, "\x03\xE8"), nullptr},
+                {clientFrame(0x83, ""), &RawClient::finishSending},  // a frame that is none
+                {"\x81\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", &RawClient::reset},
+                {clientFrame(kText, std::string(100'000, 'x')), &RawClient::reset}};  // its message never ends
+    for (const auto& [sent, end] : ways) {
+        SCOPED_TRACE(testing::PrintToString(sent.substr(0, 20)));
+        Pair pair;
+        ASSERT_TRUE(pair.connect(server->port));
+        EXPECT_TRUE(pair.local.send(sent));
+        if (end != nullptr) (pair.local.*end)();
+        EXPECT_EQ(pair.remote.closeCode(), 1000);
+        const int ended = server->opened();
+        pair.local.close();
+        pair.remote.close();
+        EXPECT_TRUE(waitUntil([&] { return server->closed() == ended; }));
+    }
+    server->onText = [this](int number, const std::string& text) { write(number, text); };
+    RawClient next;
+    ASSERT_TRUE(next.upgrade(server->port, "/x") && next.sendText("short"));
+    EXPECT_EQ(next.receiveText(), "short");
+    EXPECT_EQ(server->faults(), 0);
+}
+
+TEST_P(Layer, KeepsTheOrderOfWritesOverThreads) {
+    constexpr int kTurns = 300;  // the service thread and this one by turns, each when the other is done
+    std::atomic<int> turn = 0;
+    const auto writeEverySecond = [&](int first) {
+        for (int i = first; i < kTurns; i += 2) {
+            ASSERT_TRUE(waitUntil([&] { return turn == i; }));
+            write(1, std::to_string(i));
+            ++turn;
+        }
+    };
+    server->onText = [&](int, const std::string&) { writeEverySecond(0); };
+    RawClient client;
+    ASSERT_TRUE(client.upgrade(server->port, "/x") && client.sendText("go"));
+    writeEverySecond(1);
+    for (int i = 0; i < kTurns; ++i) ASSERT_EQ(client.receiveText(), std::to_string(i));
+}
+
+TEST_P(Layer, SaysGoodbyeToEverybodyAndLeavesThePort) {
+    Pair pair;
+    RawClient lonely, unfinished;
+    ASSERT_TRUE(pair.connect(server->port) && lonely.upgrade(server->port, "/x"));
+    ASSERT_TRUE(unfinished.connect(server->port) && unfinished.send("GET /l/c HT"));
+    server->connection(3);
+    server->stop();
+    for (RawClient* const client : {&pair.local, &pair.remote, &lonely}) EXPECT_EQ(client->closeCode(), 1001);
+    EXPECT_EQ(server->closed(), 3);
+    const int port = server->port;
+    server.emplace(port);
+    EXPECT_TRUE(pair.connect(port));
+}
+
+TEST_P(Layer, EndsNewConnectionsBeforeTheDescriptorsRunOut) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const int next = dup(STDIN_FILENO);  // the lowest that is free
+    ::close(next);
+    const rlimit scarce{static_cast<rlim_t>(next) + 40, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &scarce);
+    std::list<RawClient> clients;  // each takes two, its own and the server's
+    int served = 0;
+    while (served < 20 && clients.emplace_back().upgrade(server->port, "/x")) ++served;
+    EXPECT_GE(served, 5);
+    EXPECT_LT(served, 15) << "none were kept back";
+    EXPECT_TRUE(clients.back().waitForEnd());
+    clients.clear();
+    EXPECT_TRUE(waitUntil([&] { return server->closed() == served; }));
+    EXPECT_TRUE(clients.emplace_back().upgrade(server->port, "/x")) << "nobody gets in after the shortage";
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
+/// Connects, talks, and leaves, all at random.
+void liveBriefly(int port, std::minstd_rand& random) {
+    const auto draw = [&](unsigned below) { return static_cast<std::size_t>(random() % below); };
+    RawClient client;
+    const char* const side = draw(2) != 0 ? "/local/hbbtv/" : "/remote/hbbtv/";
+    if (!client.upgrade(port, side + std::to_string(draw(8)))) return;
+    for (std::size_t i = draw(6); i > 0; --i) {
+        client.send(clientFrame(0x82, std::string(draw(3) != 0 ? draw(300) : draw(200'000), 'x')), 200ms);
+    }
+    const std::size_t end = draw(3);
+    if (end == 0) client.reset();
+    if (end == 1) client.send(clientFrame(0x88, "\x03\xE8"), 200ms);
+}
+
+TEST_P(Layer, TellsEachCloseOnceUnderStress) {
+    std::atomic<bool> isOver = false;
+    std::jthread host([&] {  // writes and closes at random, on connections that may be gone by then
+        std::minstd_rand random(7);
+        const std::string text(5000, 'h');
+        while (!isOver) {
+            std::this_thread::sleep_for(200us);
+            const int newest = server->opened();
+            if (newest == 0) continue;
+            const int number = newest - static_cast<int>(random() % 10);
+            if (number < 1) continue;
+            write(number, text.substr(random() % 5000), zenk_ws::kWriteBinary);
+            if (random() % 50 == 0) close(number, 1000);
+        }
+    });
+    {
+        std::list<std::jthread> clients;
+        for (unsigned thread = 1; thread <= 6; ++thread) {
+            clients.emplace_back([this, random = std::minstd_rand(thread)]() mutable {
+                for (int i = 0; i < 60; ++i) liveBriefly(server->port, random);
+            });
+        }
+    }
+    isOver = true;
+    host.join();
+    server->stop();
+    EXPECT_GT(server->opened(), 200);
+    EXPECT_EQ(server->closed(), server->opened());
+    EXPECT_EQ(server->faults(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(OverEitherLoop, Layer, testing::Bool());
+
+}  // namespace
+}  // namespace zenk_test

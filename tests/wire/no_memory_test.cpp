@@ -1,0 +1,124 @@
+// Memory that is missing costs no more than the connection that needed it.
+#include <sys/resource.h>
+
+#include <filesystem>
+#include <iterator>
+#include <list>
+
+#include "tests/support/failing_allocations.h"
+#include "tests/wire/wire.h"
+#include "wsserver/zenk_dvbCss.h"
+
+namespace zenk_test {
+namespace {
+
+constexpr Milliseconds kShort{100};  // what a failed allocation has lost does not come
+
+struct NoMemory : Wire {
+    void SetUp() override {
+        serve();
+        server->frontEnd().addObserver(&cii);
+        cii.setEnableInterDevSync(true);
+    }
+    void TearDown() override { server->stop(); }
+    void answerAndClose() {
+        cii.sendMessage(const_cast<char*>("an answer of the host"), 21, -1);
+        cii.closeClientConnection(-1);
+    }
+    /// What clients and a host do in a day. No step is checked: any of them may be the one that fails.
+    void liveThroughADay(const std::string& endpoint) {
+        {
+            RawClient local, remote;
+            local.upgrade(server->port, "/local/hbbtv/t/" + endpoint);
+            remote.upgrade(server->port, "/remote/hbbtv/t/" + endpoint + "?a-query=longer-than-any-short-string");
+            remote.upgrade(server->port, "/remote/hbbtv/t/" + endpoint);
+            local.sendText("a message that is longer than a few bytes");
+            remote.receiveText(kShort);
+            remote.send(clientFrame(0x82, std::string(100'000, 'x')));
+            local.receiveFrame(kShort);
+            local.close();
+            remote.closeCode(kShort);
+        }
+        RawClient css;
+        css.connect(server->port);
+        css.send(handshakeRequest("/css-cii/a-token-that-is-longer/"));
+        refused += css.receiveUntil("\r\n\r\n").find(" 503 ") != std::string::npos;
+        css.sendText("a message for the host");
+        answerAndClose();
+        css.closeCode(kShort);
+    }
+
+    int refused = 0;
+    ZenkCSSEventDispatcher dispatcher;
+    ZenkCSSCIIServer cii;
+};
+
+std::ptrdiff_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
+// Each allocation of the service thread fails once, wherever it stands.
+TEST_F(NoMemory, OfTheServiceCostsOneConnectionAndLeavesNothingBehind) {
+    liveThroughADay("warm-up");
+    ASSERT_TRUE(Pair().connect(server->port));
+    const std::ptrdiff_t descriptors = openDescriptors();
+    bool hasFailed = true;
+    int days = 0;
+    for (; hasFailed && days < 1000; ++days) {
+        SCOPED_TRACE(days);
+        failAllocationOf(server->thread(), days);
+        liveThroughADay(std::to_string(days));
+        hasFailed = stopFailing();
+        Pair pair;
+        ASSERT_TRUE(pair.connect(server->port, "witness" + std::to_string(days)) && pair.exchange());
+    }
+    EXPECT_FALSE(hasFailed) << "some allocations were never reached";
+    EXPECT_GT(days, 20);
+    EXPECT_TRUE(waitUntil([&] { return openDescriptors() <= descriptors; }));
+    EXPECT_TRUE(waitUntil([&] { return cii.getCssServerStatus() == 0; }));
+}
+
+// The host's own threads need memory to hand something over. A client that would miss it is ended instead.
+TEST_F(NoMemory, OfTheHostLeavesNoClientWaiting) {
+    bool hasFailed = true;
+    for (int count = 0; hasFailed; ++count) {
+        SCOPED_TRACE(count);
+        ASSERT_LT(count, 100);
+        RawClient css;
+        ASSERT_TRUE(css.upgrade(server->port, "/css-cii/t/"));
+        ASSERT_TRUE(waitUntil([&] { return cii.ciiClientIdExists(count + 1) != 0; }));
+        failAllocationOf(pthread_self(), count);
+        answerAndClose();
+        hasFailed = stopFailing();
+        if (!hasFailed) {
+            EXPECT_EQ(css.receiveText(), "an answer of the host");
+        }
+        EXPECT_TRUE(css.closeCode() == 1001 || css.waitForEnd());
+    }
+}
+
+TEST_F(NoMemory, AtAllRefusesWithAStatusAndIsOverWhenSomeLeave) {
+    if (kIsSanitized) GTEST_SKIP() << "a sanitizer needs all addresses";
+    Pair pair;
+    ASSERT_TRUE(pair.connect(server->port));
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlimit before{};
+    getrlimit(RLIMIT_AS, &before);
+    const rlimit little{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + 2 * zenk_ws::kMiB, before.rlim_max};
+    setrlimit(RLIMIT_AS, &little);
+    std::list<RawClient> crowd;
+    while (crowd.size() < 200 && crowd.emplace_back().upgrade(server->port, "/other")) continue;
+    EXPECT_LT(crowd.size(), 200u);
+    EXPECT_GT(crowd.size(), 5u);
+    RawClient late;
+    EXPECT_TRUE(late.connect(server->port) && late.send(handshakeRequest("/other")));
+    EXPECT_TRUE(late.receiveUntil("\r\n\r\n").starts_with("HTTP/1.1 503 "));
+    EXPECT_TRUE(pair.exchange());
+    crowd.clear();
+    EXPECT_TRUE(waitUntil([&] { return late.upgrade(server->port, "/other"); }));
+    setrlimit(RLIMIT_AS, &before);
+}
+
+}  // namespace
+}  // namespace zenk_test

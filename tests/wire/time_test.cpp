@@ -1,0 +1,108 @@
+// Who is silent, for how long, and what a halted process makes of it.
+#include "tests/wire/wire.h"
+
+namespace zenk_test {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Time : Wire {
+    zenk_ws::Limits& limits = zenk_ws::limits();
+};
+
+TEST_F(Time, FindsPeersThatVanishedAndKeepsThoseThatAnswer) {
+    limits.pingAfter = 300ms;
+    limits.hangUpAfter = 1200ms;
+    serve();
+    RawClient vanished, held, alive;
+    for (RawClient* const client : {&vanished, &held, &alive}) ASSERT_TRUE(client->upgrade(server->port, "/x"));
+    hold(2);
+    if (!vanished.vanish() || !held.vanish()) GTEST_SKIP() << "the system lets no one vanish without a word";
+    const auto answerFor = [&](std::chrono::seconds time) {
+        for (const auto end = std::chrono::steady_clock::now() + time; std::chrono::steady_clock::now() < end;) {
+            const auto ping = alive.receiveFrame(100ms);
+            if (ping) alive.send(clientFrame(kFin | kPong, ping->payload));
+        }
+    };
+    answerFor(4s);
+    EXPECT_TRUE(server->isGone(1, 0ms) && server->isGone(2, 0ms));
+    EXPECT_NE(server->connection(3), nullptr) << "who answers was cut";
+}
+
+TEST_F(Time, CutsNobodyForATimeInWhichItStoodStill) {
+    limits.pingAfter = 400ms;
+    limits.hangUpAfter = 800ms;
+    limits.longestPass = 50ms;
+    serve();
+    server->onText = [this](int number, const std::string& text) {
+        if (number == 1) std::this_thread::sleep_for(1500ms);  // as a frozen process does
+        write(number, text);
+    };
+    RawClient halt, client;
+    ASSERT_TRUE(halt.upgrade(server->port, "/x") && client.upgrade(server->port, "/x"));
+    halt.sendText("now");
+    EXPECT_EQ(client.receiveFrame(), (Frame{kFin | kPing, "?"})) << "nobody is cut who was not asked first";
+    halt.sendText("and while the answer is on its way");
+    client.send(clientFrame(kFin | kPong, "?") + clientFrame(kFin | kText, "here"));
+    EXPECT_EQ(client.receiveText(), "here");
+}
+
+TEST_F(Time, SaysGoodbyeAfterALongCallback) {
+    limits.closeStall = 100ms;
+    limits.longestPass = 50ms;
+    serve();
+    server->onText = [this](int number, const std::string&) {
+        std::this_thread::sleep_for(300ms);
+        close(number, 1001);
+    };
+    for (int i = 0; i < 3; ++i) {  // what the loop does next is up to chance
+        RawClient client;
+        ASSERT_TRUE(client.upgrade(server->port, "/x") && client.sendText("now"));
+        EXPECT_EQ(client.closeCode(), 1001);
+    }
+}
+
+TEST_F(Time, CutsWhoDoesNotAnswerItsCloseOrIsDeaf) {
+    limits.closeStall = 300ms;
+    serve();
+    RawClient silent, deaf;
+    ASSERT_TRUE(silent.upgrade(server->port, "/x") && deaf.upgrade(server->port, "/x"));
+    write(2, std::string(6'000'000, 'x'));
+    for (const int number : {1, 2}) close(number, 1000);
+    EXPECT_TRUE(server->isGone(1) && server->isGone(2));
+    EXPECT_EQ(silent.closeCode(), 1000);
+    EXPECT_TRUE(silent.waitForEnd());
+}
+
+TEST_F(Time, OfUnfinishedHandshakesIsShortWhateverComes) {
+    limits.handshake = 1s;
+    serve();
+    for (const auto& [beginning, drip] :
+         {std::pair{"", ""}, {"GET /x HT", ""}, {"GET /x HT", "x"}, {"GET / HTTP/1.1\r\n", "A: b\r\n"}}) {
+        RawClient client;
+        ASSERT_TRUE(client.connect(server->port) && client.send(beginning));
+        int drops = 0;
+        while (drops < 60 && !client.waitForEnd(100ms) && client.send(drip)) ++drops;
+        EXPECT_LT(drops, 60) << beginning << drip;
+        EXPECT_GT(drops, 3) << "a slow network takes a while";
+    }
+}
+
+TEST_F(Time, GivesMemoryBackToWhatRests) {
+    constexpr int kClients = 100;
+    serve();
+    server->onText = [this](int number, const std::string&) { write(number, "got it"); };
+    const std::size_t before = residentBytes();
+    std::vector<RawClient> clients(kClients);
+    const auto isSmall = [&] { return residentBytes() <= before + kClients * 24 * zenk_ws::kKiB; };
+    for (RawClient& client : clients) ASSERT_TRUE(client.upgrade(server->port, "/x"));
+    EXPECT_TRUE(isSmall());
+    for (RawClient& client : clients) {
+        ASSERT_TRUE(client.sendText(std::string(100'000, 'x')));
+        EXPECT_EQ(client.receiveText(), "got it");
+    }
+    EXPECT_TRUE(waitUntil(isSmall, 5s));
+}
+
+}  // namespace
+}  // namespace zenk_test
