@@ -106,8 +106,8 @@ int lws_rx_flow_control(::lws* wsi, int enable);
 int lws_get_socket_fd(::lws* wsi);
 
 /// Path (token 0) or query (token 76) of the request, whole and decoded as libwebsockets gives it; null if absent.
-/// A query whose last piece is a "/" alone ("/", "a=1&/") comes without it: libwebsockets says the same of an empty one.
-/// For the filter and established events only; the text belongs to the layer.
+/// A query whose last piece is a "/" alone ("/", "a=1&/") comes without it: libwebsockets says the same of an empty
+/// one. For the filter and established events only; the text belongs to the layer.
 const char* lws_hdr_simple_ptr(::lws* wsi, int token);
 
 /// In a receive event: non-zero for the last fragment of a message, for a binary message.

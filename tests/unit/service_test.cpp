@@ -1,7 +1,9 @@
 // What the service makes of a connection's events, which the test raises one by one.
 #include "wsserver/websocket_service.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -57,6 +59,9 @@ TEST_F(Service, HandsEventsOnAndSurvivesAClientThatThrows) {
     client.throws = true;
     EXPECT_EQ(raise(20), 503);
     receive("boom", true, false);
+    close(STDIN_FILENO);
+    EXPECT_EQ(startWebSocketServer(7681, &client), 0);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), FD_CLOEXEC) << "its number must not go to a connection";
 }
 
 TEST_F(Service, GathersFragmentsCutsThemAtTheLimitAndLeavesNothingBehind) {
