@@ -278,6 +278,17 @@ void Connection::setCallerHold(bool isHeld) {
     applyReading();
 }
 
+void Connection::setDeparting(bool isDeparting) {
+    // A reason that libwebsockets has for another protocol, and keeps apart from ours of applyReading().
+    constexpr int kReason = LWS_RXFLOW_REASON_H2_PPS_PENDING;
+    const int change = isDeparting ? LWS_RXFLOW_REASON_APPLIES_DISABLE : LWS_RXFLOW_REASON_APPLIES_ENABLE;
+    if (::lws_rx_flow_control(m_wsi, change | kReason) < 0) kill();
+}
+
+int Connection::socket() const {
+    return ::lws_get_socket_fd(m_wsi);
+}
+
 void Connection::applyReading() {
     // A connection that is to be closed is read, or the peer's answer would never be seen.
     const bool isWanted = phase() != Phase::Open || (!m_isCallerHold && m_holders.empty());

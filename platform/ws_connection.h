@@ -67,6 +67,9 @@ public:
     void kill();
 
     void setCallerHold(bool isHeld);
+    /// Its peer has gone and it is not its turn to leave yet: then it is not read, whatever else holds it.
+    void setDeparting(bool isDeparting);
+    int socket() const;
 
     /// The session record that is lent for the current event, with this connection's fields in it.
     void* borrowRecord();

@@ -95,6 +95,7 @@ bool Context::open(const lws_context_creation_info& info, bool isWithLibev) {
         ev_loop_destroy(m_loop);
         m_loop = nullptr;
     }
+    if (m_loop != nullptr) m_departures.open(m_loop);
     return m_lws != nullptr;
 }
 
@@ -120,6 +121,7 @@ void Context::stop() {
     ::lws_context_destroy(m_lws);  // raises the close events that are left
     m_lws = nullptr;
     if (m_loop == nullptr) return;
+    m_departures.close();
     constexpr int kPassesToLetGo = 4;  // libev frees what was closed in the passes behind it
     for (int i = 0; i < kPassesToLetGo; ++i) ev_run(m_loop, EVRUN_NOWAIT);
     ev_loop_destroy(m_loop);
@@ -140,6 +142,7 @@ void Context::sayGoodbye() {
 
 bool Context::service() {
     const ServiceScope scope(this);
+    m_departures.letNextGo();
     const bool canGoOn = runLoopOnce();
     serveRequests();
     flushAll();

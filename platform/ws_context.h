@@ -10,11 +10,10 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/departures.h"
 #include "platform/thread_annotations.h"
 #include "platform/ws_connection.h"
 #include "platform/zenk_websockets.h"
-
-struct ev_loop;
 
 namespace zenk_ws {
 
@@ -122,7 +121,7 @@ private:
     const lws_protocols* const m_upper;
     std::array<::lws_protocols, 2> m_protocols;
     lws_retry_bo_t m_noIdlePolicy{};
-    ev_loop* m_loop = nullptr;  // null: the library's own poll loop
+    struct ev_loop* m_loop = nullptr;  // null: the library's own poll loop
     ::lws_context* m_lws = nullptr;
     Tick m_tick{};
 
@@ -138,6 +137,7 @@ private:
     // The rest is the service thread's.
     std::unordered_map<::lws*, std::unique_ptr<Connection>> m_connections;
     std::uint64_t m_lastSerial = 0;
+    Departures m_departures;
     BufferPool m_pool;
     RecordPool m_records;
     std::vector<Connection*> m_flushList;  // in the order in which they were first written to; null where one has gone

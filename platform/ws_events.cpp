@@ -150,6 +150,7 @@ int Context::onHandshake(::lws* wsi) {
 
 void Context::onEstablished(Connection& connection) {
     ++m_announced;
+    m_departures.watch(connection);
     connection.onEstablished();
     tellUp(connection, kEventEstablished);
     connection.target().reset();
@@ -179,6 +180,7 @@ void Context::forget(Connection& connection) {
     ::lws_set_wsi_user(wsi, nullptr);
     if (connection.m_flushIndex >= 0) m_flushList[static_cast<std::size_t>(connection.m_flushIndex)] = nullptr;
     if (connection.m_isWatched) m_watched.erase(&connection);
+    m_departures.forget(connection);
     decltype(m_connections)::node_type gone;
     zenk::MutexLock lock(m_mutex);
     gone = m_connections.extract(wsi);

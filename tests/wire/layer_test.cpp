@@ -109,6 +109,28 @@ TEST_P(Layer, EndsThePartnerOfWhoGoesInAnyWayAndKeepsNothingOfIt) {
     EXPECT_EQ(server->faults(), 0);
 }
 
+// More than leave in one pass; what they have sent is delivered first.
+TEST_P(Layer, LetsACrowdLeaveInPortionsAndLosesNothing) {
+    std::list<Pair> pairs;
+    std::list<RawClient> others;
+    for (int i = 0; i < 60; ++i) {
+        ASSERT_TRUE(pairs.emplace_back().connect(server->port, std::to_string(i)));
+        ASSERT_TRUE(others.emplace_back().upgrade(server->port, "/x"));
+    }
+    for (RawClient& each : others) each.reset();
+    for (Pair& each : pairs) {
+        each.local.sendText("last words");
+        each.local.close();
+    }
+    for (Pair& each : pairs) {
+        EXPECT_EQ(each.remote.receiveText(), "last words");
+        EXPECT_EQ(each.remote.closeCode(), 1000);
+        each.remote.close();
+    }
+    EXPECT_TRUE(waitUntil([&] { return server->closed() == server->opened(); }));
+    EXPECT_EQ(server->faults(), 0);
+}
+
 TEST_P(Layer, KeepsTheOrderOfWritesOverThreads) {
     constexpr int kTurns = 300;  // the service thread and this one by turns, each when the other is done
     std::atomic<int> turn = 0;
