@@ -16,17 +16,17 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import time
-from dataclasses import asdict
 from pathlib import Path
 
-from runner import chart, micro, report, targets
+from runner import report
 from runner.rows import ROWS, plan_of
 from runner.servers import OURS, SERVERS, RunningServer, Server, pinned
 
 FOLDER = Path(__file__).resolve().parent
 DESCRIPTORS = 16384
 LOAD_SECONDS = 120
+MICRO_SECONDS = 300
+NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 ENOUGH_DISK_BYTES = 2 * 1024**3
 
 
@@ -39,16 +39,15 @@ def parse_arguments():
     parser.add_argument("--servers", metavar="KEYS", help="only these of the usual ones, separated by commas")
     parser.add_argument("--extra", action="append", default=[], metavar="KEY=COMMAND",
                         help="one more relay, such as an older build; {port} and {udp_port} are filled in")
-    parser.add_argument("--check-only", action="store_true", help="check contents, measure nothing")
     parser.add_argument("--no-micro", action="store_true", help="leave the benchmarks of single parts out")
     parser.add_argument("--build-dir", type=Path, default=FOLDER.parent / "build")
-    parser.add_argument("--output", type=Path, help="path without suffix (default bench/results/latest or quick)")
+    parser.add_argument("--output", type=Path, help="the table (default bench/results/latest.md; quick in the build)")
     arguments = parser.parse_args()
     arguments.rounds = arguments.rounds or (1 if arguments.quick else 3)
     arguments.seconds = arguments.seconds or (0.3 if arguments.quick else 1.0)
-    name = "quick" if arguments.quick else "latest"
-    arguments.output = arguments.output or FOLDER / "results" / name
     arguments.build_dir = arguments.build_dir.resolve()
+    table = arguments.build_dir / "bench_quick.md" if arguments.quick else FOLDER / "results" / "latest.md"
+    arguments.output = arguments.output or table
     return arguments
 
 
@@ -84,94 +83,72 @@ def raise_descriptor_limit():
     resource.setrlimit(resource.RLIMIT_NOFILE, (limit, hard))
 
 
-def describe_machine(server_cpu) -> dict:
+def describe_machine() -> dict:
     model = re.search(r"model name\s*:\s*(.+)", Path("/proc/cpuinfo").read_text())
     commit = subprocess.run(["git", "-C", str(FOLDER), "describe", "--always", "--dirty"], capture_output=True,
                             text=True, check=False).stdout.strip()
     return {"cpus": len(os.sched_getaffinity(0)), "model": model.group(1) if model else platform.machine(),
-            "system": f"{platform.system()} {platform.release()}", "commit": commit or "unknown",
-            "load_at_start": os.getloadavg()[0], "server_cpu": server_cpu}
+            "system": f"{platform.system()} {platform.release()}", "commit": commit or "unknown"}
 
 
 class Bench:
     """One run of the driver; gathers samples and problems."""
 
-    def __init__(self, arguments, servers: list, left_out: list, folder: Path):
+    def __init__(self, arguments, servers: list, folder: Path):
         self._arguments, self._servers, self._folder = arguments, servers, folder
-        self.left_out = left_out
-        self.server_cpu, self._load_cpu = two_cpus()
-        self._rows = [row for row in ROWS if re.search(arguments.rows, row.key)]
-        self.samples, self.problems, self.checked = [], [], []
-        self._began = time.monotonic()
-        self._done, self._total = 0, 0
-
-    def check_contents(self):
-        for server in self._servers:
-            if self._guarded(f"content check of {server.key}", self._load, server, ("--mode", "check"), 1):
-                self.checked.append(server.title)
-                print(f"contents of {server.title} arrive unchanged", flush=True)
+        self._server_cpu, self._load_cpu = two_cpus()
+        self.samples, self.problems = [], []
 
     def run_rounds(self):
-        plan = plan_of(self._rows, self._servers, OURS)
-        self._total = len(plan) * self._arguments.rounds
-        for round_ in range(1, self._arguments.rounds + 1):
-            for row, server in plan:
-                self._measure(round_, row, server)
+        plan = plan_of([row for row in ROWS if re.search(self._arguments.rows, row.key)], self._servers)
+        runs = [(round_, *step) for round_ in range(1, self._arguments.rounds + 1) for step in plan]
+        for done, (round_, row, server) in enumerate(runs, 1):
+            figures = self._guarded(f"{row.key} of {server.key}, round {round_}", self._load, row, server)
+            if figures is None:
+                continue  # the problem has been told
+            self.samples.append({"round": round_, "row": row.key, "server": server.key, "figures": figures})
+            print(f"[{done:3}/{len(runs)}] round {round_} {row.key:18} {server.key:12} "
+                  f"{report.short(figures[row.figure]):>9} {row.figure}", flush=True)
 
     def run_micro(self):
-        for program in micro.PROGRAMS:
-            if not (self._arguments.build_dir / program.name).exists():
-                print(f"LEFT OUT, not built: {program.name}", flush=True)
-                self.left_out.append(program.name)
+        print("running micro_bench", flush=True)
+        for benchmark in self._guarded("micro_bench", self._micro) or []:
+            if benchmark.get("error_occurred"):
+                self._note(f"{benchmark['name']}: {benchmark['error_message']}")
                 continue
-            print(f"running {program.name}", flush=True)
-            values = self._guarded(program.name, program.run, self._arguments.build_dir, self._folder,
-                                   self._arguments.quick)
-            for row, value in (values or {}).items():
-                self._keep_micro(program.name, row, value)
+            figures = {"real_ns": benchmark["real_time"] * NANOSECONDS[benchmark["time_unit"]]}
+            figures |= {name: benchmark[name] for name in ("items_per_second",) if name in benchmark}
+            self.samples.append({"round": benchmark["repetition_index"], "row": benchmark["run_name"], "server": OURS,
+                                 "figures": figures})
 
-    def results(self) -> dict:
-        servers = [{"key": server.key, "title": server.title} for server in self._servers]
-        return {"when": datetime.datetime.now().strftime("%Y-%m-%d %H:%M"), "quick": self._arguments.quick,
-                "machine": describe_machine(self.server_cpu), "round_count": self._arguments.rounds,
-                "seconds": self._arguments.seconds, "servers": servers, "left_out": self.left_out,
-                "rows": [asdict(row) for row in self._rows], "checked": self.checked, "problems": self.problems,
-                "samples": self.samples}
+    def _micro(self) -> list:
+        output = self._folder / "micro.json"
+        words = [str(self._arguments.build_dir / "micro_bench"), f"--benchmark_out={output}",
+                 f"--benchmark_repetitions={1 if self._arguments.quick else 5}",
+                 f"--benchmark_min_time={0.02 if self._arguments.quick else 0.2}",
+                 "--benchmark_enable_random_interleaving=true"]
+        subprocess.run(words, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=MICRO_SECONDS, check=True)
+        benchmarks = json.loads(output.read_text())["benchmarks"]
+        return [benchmark for benchmark in benchmarks if benchmark["run_type"] == "iteration"]
 
-    def _measure(self, round_: int, row, server):
-        name = f"{row.key} of {server.key}, round {round_}"
-        figures = self._guarded(name, self._load, server, row.arguments, self._arguments.seconds)
-        self._done += 1
-        if figures is None:
-            return  # the problem has been told
-        self.samples.append({"round": round_, "row": row.key, "server": server.key, "figures": figures})
-        left = (time.monotonic() - self._began) / self._done * (self._total - self._done)
-        print(f"[{self._done:3}/{self._total}] round {round_} {row.key:18} {server.key:12} "
-              f"{report.short(figures[row.figure]):>9} {row.unit} ({left:.0f} s to go)", flush=True)
-
-    def _load(self, server, row_arguments: tuple, seconds: float) -> dict:
-        with RunningServer(server, self._arguments.build_dir, self._folder, self.server_cpu) as running:
-            words = [str(self._arguments.build_dir / "bench_load"), *row_arguments, "--port", str(running.port),
-                     "--pid", str(running.process.pid), "--time", str(seconds)]
+    def _load(self, row, server) -> dict:
+        arguments = self._arguments
+        with RunningServer(server, arguments.build_dir, self._folder, self._server_cpu) as running:
+            words = [str(arguments.build_dir / "bench_load"), *row.arguments, "--port", str(running.port),
+                     "--pid", str(running.process.pid), "--time", str(arguments.seconds)]
             done = subprocess.run(words, capture_output=True, text=True, timeout=LOAD_SECONDS, check=False,
                                   preexec_fn=pinned(self._load_cpu))
         if running.complaint():
-            self._note(f"{server.key} {running.complaint()}, after {' '.join(row_arguments)}")
+            self._note(f"{server.key} {running.complaint()}, after {' '.join(row.arguments)}")
         if done.returncode != 0:
             raise RuntimeError(done.stderr.strip() or f"bench_load ended with code {done.returncode}")
         return json.loads(done.stdout)
-
-    def _keep_micro(self, program: str, row: str, value):
-        if value is None:
-            self._note(f"{program} gives no figure for {row}")
-        else:
-            self.samples.append({"round": 1, "row": row, "server": OURS, "figures": {"value": value}})
 
     def _guarded(self, name: str, action, *arguments):
         """A measurement that fails is told and counted, and the others go on."""
         try:
             return action(*arguments)
-        except (RuntimeError, OSError, ValueError, KeyError, subprocess.TimeoutExpired) as error:
+        except (RuntimeError, OSError, ValueError, KeyError, subprocess.SubprocessError) as error:
             self._note(f"{name}: {error}")
             return None
 
@@ -180,28 +157,17 @@ class Bench:
         self.problems.append(problem)
 
 
-def write_results(output: Path, results: dict, verdicts: list):
-    output.parent.mkdir(parents=True, exist_ok=True)
-    output.with_suffix(".json").write_text(json.dumps({**results, "targets": verdicts}, indent=1) + "\n")
-    output.with_suffix(".md").write_text(report.markdown(results, verdicts))
-    output.with_suffix(".svg").write_text(chart.svg(results))
-
-
-def run(bench: Bench, arguments) -> dict:
-    bench.check_contents()
-    if arguments.check_only:
-        return None
-    bench.run_rounds()
-    if not arguments.no_micro:
-        bench.run_micro()
-    return bench.results()
-
-
-def publish(output: Path, results: dict):
-    verdicts = [target.verdict(results["samples"]) for target in targets.TARGETS]
-    write_results(output, results, verdicts)
-    print("\n" + "\n".join(report.target_lines(verdicts)))
-    print(f"\nWritten: {output}.json, .md and .svg")
+def publish(arguments, servers: list, bench: Bench):
+    """The table goes to --output, each single measurement to the build folder."""
+    results = {"when": datetime.datetime.now().strftime("%Y-%m-%d %H:%M"), "quick": arguments.quick,
+               "machine": describe_machine(), "rounds": arguments.rounds, "seconds": arguments.seconds,
+               "problems": bench.problems, "samples": bench.samples}
+    arguments.output.parent.mkdir(parents=True, exist_ok=True)
+    arguments.output.write_text(report.markdown(results, servers))
+    raw = arguments.build_dir / "bench.json"
+    raw.write_text(json.dumps(results, indent=1) + "\n")
+    print("\n" + "\n".join(report.target_lines(bench.samples)))
+    print(f"\nWritten: {arguments.output}, and each measurement to {raw}")
 
 
 def main() -> int:
@@ -213,10 +179,11 @@ def main() -> int:
     with tempfile.TemporaryDirectory(prefix="zenk_bench.") as folder:
         if shutil.disk_usage(folder).free < ENOUGH_DISK_BYTES:
             sys.exit(f"{folder} has less than 2 GiB free, which a log at full speed needs; set TMPDIR elsewhere")
-        bench = Bench(arguments, servers, left_out, Path(folder))
-        results = run(bench, arguments)
-    if results:
-        publish(arguments.output, results)
+        bench = Bench(arguments, servers, Path(folder))
+        bench.run_rounds()
+        if not arguments.no_micro:
+            bench.run_micro()
+    publish(arguments, servers, bench)
     # Without the server under test the run says nothing about it, and must not look like a success.
     has_ours = any(server.key == OURS for server in servers)
     return 0 if has_ours and not bench.problems else 1

@@ -15,7 +15,7 @@ BUILD="$BUILD libwebsockets-evlib-ev"
 # The last line is of tests that are skipped without: demo page, reference, binary interface.
 TEST="libgtest-dev python3 python3-websockets iproute2
     chromium doxygen abigail-tools"
-BENCH="libbenchmark-dev libspdlog-dev libboost-dev python3"
+BENCH="libbenchmark-dev libboost-dev python3"
 CHECK="clang libclang-rt-14-dev clang-format clang-tidy shellcheck gcovr cloc git"
 
 # packages_of GROUP...

@@ -5,7 +5,8 @@
 #include <vector>
 
 #include "bench/load/client.h"
-#include "bench/load/modes.h"
+#include "bench/load/measure.h"
+#include "bench/load/options.h"
 
 namespace zenk_bench {
 namespace {
@@ -13,6 +14,7 @@ namespace {
 constexpr double kWarmupSeconds = 0.2;
 constexpr std::uint64_t kStallNs = 5'000'000'000u;
 constexpr std::uint16_t kNormalClosure = 1000;
+constexpr std::size_t kAtOnce = 32;  // handshakes under way
 
 // A fixed number of clients, each of which opens, says goodbye, sees the server close, and is followed by the next.
 class Turnstile {
@@ -34,8 +36,7 @@ private:
     std::uint64_t m_count = 0;
 };
 
-Turnstile::Turnstile(const Options& options)
-    : m_options(options), m_fleet(m_poller, options.port), m_slots(options.concurrency) {
+Turnstile::Turnstile(const Options& options) : m_options(options), m_fleet(m_poller, options.port), m_slots(kAtOnce) {
     m_fleet.openWaiting(options.waiting);
 }
 
@@ -74,8 +75,8 @@ Report Turnstile::run() {
         if (now > giveUpAt) throw std::runtime_error("connections do not end");
     }
     Report report;
-    report.add("server_us_per_conn", interval.serverMicrosecondsPer(interval.done()));
-    report.add("conns_per_s", interval.perSecond());
+    report["server_us_per_conn"] = interval.serverMicrosecondsPer(interval.done());
+    report["conns_per_s"] = interval.perSecond();
     interval.addShares(report);
     return report;
 }

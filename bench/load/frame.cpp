@@ -10,7 +10,6 @@ constexpr std::uint8_t kFinBit = 0x80;
 constexpr std::uint8_t kMaskBit = 0x80;
 constexpr std::uint8_t kOpcodeBits = 0x0f;
 constexpr std::uint8_t kOpcodeText = 1;
-constexpr std::uint8_t kOpcodeBinary = 2;
 constexpr std::uint8_t kOpcodeClose = 8;
 constexpr std::uint8_t kLength16 = 126;
 constexpr std::uint8_t kLength64 = 127;
@@ -51,8 +50,8 @@ std::size_t lengthFieldBytes(std::uint8_t length7) {
 
 }  // namespace
 
-std::string clientFrame(std::string_view payload, bool isBinary, std::uint32_t mask) {
-    return maskedFrame(isBinary ? kOpcodeBinary : kOpcodeText, payload, mask);
+std::string clientFrame(std::string_view payload, std::uint32_t mask) {
+    return maskedFrame(kOpcodeText, payload, mask);
 }
 
 std::string clientCloseFrame(std::uint16_t status) {
@@ -93,7 +92,6 @@ void FrameReader::beginFrame(std::size_t lengthBytes) {
     if (isControl() || !m_messageEnded) return;
     m_messageEnded = false;
     m_payload.clear();
-    m_isBinary = (m_header[0] & kOpcodeBits) == kOpcodeBinary;
 }
 
 bool FrameReader::readPayload(std::span<const std::uint8_t>& bytes) {

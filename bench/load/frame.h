@@ -10,8 +10,8 @@
 
 namespace zenk_bench {
 
-/// One whole message as one masked client frame.
-std::string clientFrame(std::string_view payload, bool isBinary, std::uint32_t mask);
+/// One whole text as one masked client frame.
+std::string clientFrame(std::string_view payload, std::uint32_t mask);
 
 /// A masked close frame with the given status.
 std::string clientCloseFrame(std::uint16_t status);
@@ -30,7 +30,6 @@ public:
 
     /// The message that next() has just completed; valid until the next call.
     const std::string& payload() const { return m_payload; }
-    bool isBinary() const { return m_isBinary; }
 
     /// Whether a close frame has come.
     bool sawClose() const { return m_sawClose; }
@@ -48,7 +47,6 @@ private:
     bool m_inPayload = false;
     bool m_keepsPayload = false;
     bool m_messageEnded = true;
-    bool m_isBinary = false;
     bool m_sawClose = false;
     std::string m_payload;
 };

@@ -3,7 +3,8 @@
 #include <vector>
 
 #include "bench/load/client.h"
-#include "bench/load/modes.h"
+#include "bench/load/measure.h"
+#include "bench/load/options.h"
 #include "bench/load/payload.h"
 
 namespace zenk_bench {
@@ -36,7 +37,7 @@ private:
 
 PingPong::PingPong(const Options& options)
     : m_options(options),
-      m_frame(clientFrame(asciiPayload(options.messageBytes, 0), false, kFixedMask)),
+      m_frame(clientFrame(asciiPayload(options.messageBytes, 0), kFixedMask)),
       m_fleet(m_poller, options.port),
       m_sentAtNs(options.pairs) {
     m_fleet.openSilentPairs(options.idle / 2);
@@ -80,11 +81,11 @@ Report PingPong::run() {
 
 Report PingPong::report(const Interval& interval) {
     Report report;
-    report.add("p50_us", percentileUs(m_roundTripsNs, 0.50));
-    report.add("p90_us", percentileUs(m_roundTripsNs, 0.90));
-    report.add("p99_us", percentileUs(m_roundTripsNs, 0.99));
-    report.add("server_us_per_msg", interval.serverMicrosecondsPer(2 * interval.done()));
-    report.add("round_trips_per_s", interval.perSecond());
+    report["p50_us"] = percentileUs(m_roundTripsNs, 0.50);
+    report["p90_us"] = percentileUs(m_roundTripsNs, 0.90);
+    report["p99_us"] = percentileUs(m_roundTripsNs, 0.99);
+    report["server_us_per_msg"] = interval.serverMicrosecondsPer(2 * interval.done());
+    report["round_trips_per_s"] = interval.perSecond();
     interval.addShares(report);
     return report;
 }

@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 namespace zenk_bench {
@@ -72,27 +71,6 @@ std::uint64_t settledResidentBytes(pid_t pid) {
     return last;
 }
 
-Report& Report::add(std::string_view name, double value) {
-    std::ostringstream text;
-    text.precision(10);
-    text << value;
-    return addRaw(name, text.str());
-}
-
-Report& Report::add(std::string_view name, std::string_view text) {
-    return addRaw(name, '"' + std::string(text) + '"');
-}
-
-Report& Report::addRaw(std::string_view name, std::string_view json) {
-    if (!m_fields.empty()) m_fields += ", ";
-    m_fields.append("\"").append(name).append("\": ").append(json);
-    return *this;
-}
-
-void Report::print() const {
-    std::printf("{%s}\n", m_fields.c_str());
-}
-
 Interval::Interval(pid_t pid, double warmupSeconds, double seconds)
     : m_pid(pid),
       m_dueNs(nowNs() + static_cast<std::uint64_t>(warmupSeconds * 1e9)),
@@ -126,8 +104,8 @@ void Interval::end(std::uint64_t now, std::uint64_t count) {
 }
 
 void Interval::addShares(Report& report) const {
-    report.add("server_cpu_pct", 100 * m_serverSeconds / m_elapsedSeconds);
-    report.add("load_cpu_pct", 100 * m_loadSeconds / m_elapsedSeconds);
+    report["server_cpu_pct"] = 100 * m_serverSeconds / m_elapsedSeconds;
+    report["load_cpu_pct"] = 100 * m_loadSeconds / m_elapsedSeconds;
 }
 
 double percentileUs(std::vector<std::uint32_t>& valuesNs, double share) {

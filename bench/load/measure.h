@@ -1,12 +1,12 @@
-// Clocks, the server's own accounts in /proc, and the line of figures that a run prints.
+// Clocks, and the server's own accounts in /proc.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
-#include <string>
-#include <string_view>
 #include <vector>
+
+#include "bench/load/options.h"
 
 namespace zenk_bench {
 
@@ -20,18 +20,6 @@ double serverCpuSeconds(pid_t pid);
 
 /// Resident bytes of the server once they have stopped changing (looked at for 3 seconds at most).
 std::uint64_t settledResidentBytes(pid_t pid);
-
-/// One JSON object on one line, in the order of the calls.
-class Report {
-public:
-    Report& add(std::string_view name, double value);
-    Report& add(std::string_view name, std::string_view text);
-    void print() const;
-
-private:
-    Report& addRaw(std::string_view name, std::string_view json);
-    std::string m_fields;
-};
 
 /// The interval that is measured: begins after the warm-up, ends after the given seconds.
 class Interval {

@@ -2,16 +2,18 @@
 #include <vector>
 
 #include "bench/load/client.h"
-#include "bench/load/modes.h"
+#include "bench/load/measure.h"
+#include "bench/load/options.h"
 #include "bench/load/payload.h"
 
 namespace zenk_bench {
 namespace {
 
+constexpr std::size_t kConnections = 2000;
 constexpr std::uint64_t kPatienceNs = 20'000'000'000u;
 
 void exchangeOnce(Poller& poller, const std::vector<Pair>& pairs) {
-    const std::string frame = clientFrame(asciiPayload(100, 0), false, kFixedMask);
+    const std::string frame = clientFrame(asciiPayload(100, 0), kFixedMask);
     for (const Pair& pair : pairs) {
         pair.local->sendAll(frame);
         pair.remote->sendAll(frame);
@@ -36,16 +38,16 @@ Report runMemory(const Options& options) {
     // the connections.
     exchangeOnce(poller, fleet.openPairs(1, "first"));
     const auto before = static_cast<double>(settledResidentBytes(options.serverPid));
-    const std::vector<Pair> pairs = fleet.openPairs(options.connections / 2, "memory");
+    const std::vector<Pair> pairs = fleet.openPairs(kConnections / 2, "memory");
     const auto open = static_cast<double>(settledResidentBytes(options.serverPid));
     exchangeOnce(poller, pairs);
     const auto used = static_cast<double>(settledResidentBytes(options.serverPid));
 
     const auto count = static_cast<double>(2 * pairs.size());
     Report report;
-    report.add("bytes_per_idle_conn", (open - before) / count);
-    report.add("bytes_per_used_conn", (used - before) / count);
-    report.add("rss_before_kib", before / 1024);
+    report["bytes_per_idle_conn"] = (open - before) / count;
+    report["bytes_per_used_conn"] = (used - before) / count;
+    report["rss_before_kib"] = before / 1024;
     return report;
 }
 

@@ -16,11 +16,4 @@ inline std::string asciiPayload(std::size_t bytes, std::size_t seed) {
     return text;
 }
 
-/// All byte values; differs with the seed.
-inline std::string binaryPayload(std::size_t bytes, std::size_t seed) {
-    std::string text(bytes, '\0');
-    for (std::size_t i = 0; i < bytes; ++i) text[i] = static_cast<char>((i * 7 + i / 256 + seed) % 256);
-    return text;
-}
-
 }  // namespace zenk_bench

@@ -4,7 +4,8 @@
 #include <vector>
 
 #include "bench/load/client.h"
-#include "bench/load/modes.h"
+#include "bench/load/measure.h"
+#include "bench/load/options.h"
 #include "bench/load/payload.h"
 
 namespace zenk_bench {
@@ -53,7 +54,7 @@ private:
 };
 
 Throughput::Throughput(const Options& options) : m_options(options), m_fleet(m_poller, options.port) {
-    repeatFrame(clientFrame(asciiPayload(options.messageBytes, 0), false, kFixedMask));
+    repeatFrame(clientFrame(asciiPayload(options.messageBytes, 0), kFixedMask));
     m_fleet.openSilentPairs(options.idle / 2);
     for (const Pair& pair : m_fleet.openPairs(options.pairs, "busy")) m_streams.push_back({pair});
 }
@@ -133,8 +134,8 @@ Report Throughput::run() {
         checkProgress(now);
     }
     Report report;
-    report.add("server_us_per_msg", interval.serverMicrosecondsPer(interval.done()));
-    report.add("msgs_per_s", interval.perSecond());
+    report["server_us_per_msg"] = interval.serverMicrosecondsPer(interval.done());
+    report["msgs_per_s"] = interval.perSecond();
     interval.addShares(report);
     return report;
 }

@@ -45,7 +45,6 @@ SERVERS = (
            ("{build}/zenk_receiver", "--port", "{port}", "--wc-port", "{udp_port}", "--no-sync")),
     Server(LIMIT, "raw relay (the limit)", ("{build}/relay_raw", "--port", "{port}")),
     Server(BEAST, "Boost.Beast", ("{build}/relay_beast", "--port", "{port}")),
-    Server("websocketpp", "websocketpp", ("{build}/relay_websocketpp", "--port", "{port}")),
 )
 
 
