@@ -57,20 +57,22 @@ void checkReply(const char* reply) {
 // In the place of the system's, for the library's calls only.
 extern "C" {
 
-ssize_t __wrap_recvfrom(int, void*, std::size_t, int, sockaddr*, socklen_t*);
+ssize_t __wrap_recvmsg(int, msghdr* request, int);
+ssize_t __wrap_sendmsg(int, const msghdr* reply, int);
 ssize_t __wrap_sendto(int, const void*, std::size_t, int, const sockaddr*, socklen_t);
 
-ssize_t __wrap_recvfrom(int, void* buffer, std::size_t room, int, sockaddr* sender, socklen_t* senderBytes) {
-    require(room == kBufferBytes && *senderBytes >= sizeof(sockaddr_in), "the buffers are not what they were");
+ssize_t __wrap_recvmsg(int, msghdr* request, int) {
+    const iovec& buffer = request->msg_iov[0];
+    require(buffer.iov_len == kBufferBytes && request->msg_namelen >= sizeof(sockaddr_in), "the buffers have changed");
     require(g_run.owedReplies == 0 && !g_run.hasQuit, "a request was not answered");
     std::string_view datagram = kWakeWord;
     if (g_run.input.isEmpty()) {
         g_run.isStopping = true;
         server().stopWCServer();
     } else {
-        datagram = g_run.input.bytes(g_run.input.byte()).substr(0, room);
+        datagram = g_run.input.bytes(g_run.input.byte()).substr(0, buffer.iov_len);
     }
-    std::memcpy(buffer, datagram.data(), datagram.size());
+    std::memcpy(buffer.iov_base, datagram.data(), datagram.size());
     std::memcpy(g_run.received.data(), datagram.data(), datagram.size());
     g_run.hasQuit = g_run.received.data() == kWakeWord;
     g_run.owedReplies = g_run.hasQuit ? 0 : 1;
@@ -78,20 +80,22 @@ ssize_t __wrap_recvfrom(int, void* buffer, std::size_t room, int, sockaddr* send
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = kSenderPort;
-    std::memcpy(sender, &address, sizeof address);
-    *senderBytes = sizeof address;
+    std::memcpy(request->msg_name, &address, sizeof address);
+    request->msg_namelen = sizeof address;
+    request->msg_controllen = 0;
     return static_cast<ssize_t>(datagram.size());
 }
 
-ssize_t __wrap_sendto(int, const void* data, std::size_t size, int, const sockaddr* to, socklen_t) {
-    const auto* const bytes = static_cast<const char*>(data);
-    if (reinterpret_cast<const sockaddr_in*>(to)->sin_port != kSenderPort) {
-        require(g_run.isStopping && std::string_view(bytes, size) == kWakeWord, "a reply went elsewhere");
-        return static_cast<ssize_t>(size);
-    }
-    require(size == kReplyBytes, "a reply of another length");
+ssize_t __wrap_sendmsg(int, const msghdr* reply, int) {
+    require(static_cast<const sockaddr_in*>(reply->msg_name)->sin_port == kSenderPort, "a reply went elsewhere");
+    require(reply->msg_iov[0].iov_len == kReplyBytes, "a reply of another length");
     require(g_run.owedReplies-- == 1, "more replies than requests");
-    checkReply(bytes);
+    checkReply(static_cast<const char*>(reply->msg_iov[0].iov_base));
+    return kReplyBytes;
+}
+
+ssize_t __wrap_sendto(int, const void* data, std::size_t size, int, const sockaddr*, socklen_t) {
+    require(g_run.isStopping && std::string_view(static_cast<const char*>(data), size) == kWakeWord, "no wake word");
     return static_cast<ssize_t>(size);
 }
 

@@ -16,8 +16,8 @@ std::FILE* __wrap_fopen(const char* path, const char* mode);
 int __real_socket(int family, int type, int protocol);
 int __wrap_socket(int family, int type, int protocol);
 int __wrap_ioctl(int fd, unsigned long request, ifreq* interface);
-ssize_t __real_recvfrom(int fd, void* buffer, std::size_t size, int flags, sockaddr* from, socklen_t* length);
-ssize_t __wrap_recvfrom(int fd, void* buffer, std::size_t size, int flags, sockaddr* from, socklen_t* length);
+ssize_t __real_recvmsg(int fd, msghdr* datagram, int flags);
+ssize_t __wrap_recvmsg(int fd, msghdr* datagram, int flags);
 
 std::FILE* __wrap_fopen(const char* path, const char* mode) {
     if (std::strcmp(path, "/proc/net/route") != 0) return __real_fopen(path, mode);
@@ -41,9 +41,9 @@ int __wrap_ioctl(int /*fd*/, unsigned long request, ifreq* interface) {
     return 0;
 }
 
-ssize_t __wrap_recvfrom(int fd, void* buffer, std::size_t size, int flags, sockaddr* from, socklen_t* length) {
+ssize_t __wrap_recvmsg(int fd, msghdr* datagram, int flags) {
     ++outside::receives;
-    if (!outside::receiveFails) return __real_recvfrom(fd, buffer, size, flags, from, length);
+    if (!outside::receiveFails) return __real_recvmsg(fd, datagram, flags);
     errno = EIO;
     return -1;
 }

@@ -1,0 +1,203 @@
+#include "wsserver/wall_clock.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "tests/support/allocation_count.h"
+#include "tests/support/sanitizer.h"
+#include "tests/support/wall_clock_client.h"
+#include "wsserver/zenk_dvbCss.h"
+
+using namespace std::string_literals;
+using zenk_test::waitUntil;
+
+namespace {
+
+// What the linker's wrap gives in the place of any clock, and the clock that was read last.
+std::mutex g_mutex;
+auto& g_reads = *new std::deque<timespec>;  // never destroyed: detached threads read the clock until the very end
+clockid_t g_lastClock = -1;
+
+void script(std::deque<timespec> reads) {
+    const std::lock_guard lock(g_mutex);
+    g_reads = std::move(reads);
+}
+
+TEST(WallClock, ReadsTheSelectedSystemClockAndStandsAtZeroWithoutOne) {
+    ZenkWallClock clock;
+    for (const auto& [type, id] :
+         {std::pair{0, CLOCK_MONOTONIC}, {1, CLOCK_MONOTONIC_COARSE}, {2, CLOCK_MONOTONIC_RAW}, {3, -1}}) {
+        clock.Initialize(static_cast<ZenkWallClockType>(type));
+        g_lastClock = -1;
+        EXPECT_EQ(clock.GetPrecision() == 0, id == -1);
+        EXPECT_EQ(clock.GetWallClockTime().tv_sec == 0, id == -1);
+        EXPECT_EQ(g_lastClock, id);
+        EXPECT_EQ(clock.GetMaxFreqError(), id == -1 ? 0 : 500);
+    }
+    EXPECT_EQ(clock.CountPrecision(), -1);
+}
+
+TEST(WallClock, CutsTheTimeByAUsableTick) {
+    ZenkWallClock clock;
+    timespec told{};
+    clock_getres(CLOCK_MONOTONIC_COARSE, &told);
+    clock.Initialize(WALLCLOCK_MONOTONIC_COARSE);
+    // Within one tick, or held up for 3 s between the reads: neither tells anything.
+    const long resolution = told.tv_nsec, second = 1'000'000'000, begin = second - 1;
+    for (const auto& [tick, cut, log2] : {std::tuple{1L, 1L, -29},
+                                          {1000L, 1000L, -19},
+                                          {600'000'000L, 600'000'000L, 0},
+                                          {0L, resolution, -7},
+                                          {3 * second, resolution, -7}}) {
+        script({{5, begin}, {5 + (begin + tick) / second, (begin + tick) % second}, {1, 123'456'789}});
+        EXPECT_NEAR(clock.GetPrecision(), log2, cut == resolution ? 1 : 0) << "of " << tick << "; 1 to 10 ms are told";
+        EXPECT_EQ(clock.GetWallClockTime().tv_nsec, 123'456'789 / cut * cut);
+    }
+}
+
+TEST(WCMessage, RefusesNullAndKeepsTheUpperBitsOfByteFields) {
+    ZenkWallClock clock;
+    ZenkWCMessage message{0x12345678, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    char wire[32] = {'\xE0'};
+    int length = -5;
+    EXPECT_EQ(clock.StringToZenkWCMessage(nullptr, 32, &message), -1);
+    EXPECT_EQ(clock.StringToZenkWCMessage(wire, 32, nullptr), -1);
+    EXPECT_EQ(clock.ZenkWCMessageToString(nullptr, wire, &length), -1);
+    EXPECT_EQ(clock.ZenkWCMessageToString(&message, nullptr, &length), -1);
+    EXPECT_EQ(clock.StringToZenkWCMessage(wire, 0, &message), 0);
+    EXPECT_TRUE(message.version == 0x123456E0 && length == -5);
+}
+
+class WCServer : public testing::Test {
+protected:
+    ~WCServer() override {
+        if (m_thread.joinable()) stop();
+        delete ZenkCSSEventDispatcher::m_instance;
+    }
+
+    void enable(bool on) { std::atomic_ref(m_server.m_enableInterDevSync).store(on ? 1 : 0); }
+    /// Runs the server on a thread until it answers this.
+    std::string start(const std::string& first = std::string(128, '\0')) {
+        enable(true);
+        m_hasEnded = false;
+        m_thread = std::thread([this] { m_server.startWCServer(), m_hasEnded = true; });
+        std::string reply;
+        EXPECT_TRUE(waitUntil([&] { return !(reply = ask(first)).empty(); }));
+        return reply;
+    }
+    /// @return the reply; empty at once while nobody serves the port
+    std::string ask(const std::string& bytes) {
+        zenk_test::WallClockClient::Reply reply;
+        m_peer.send(bytes);
+        return m_peer.receive(reply) ? std::string(reply.begin(), reply.end()) : "";
+    }
+    void join() {
+        if (!waitUntil([this] { return m_hasEnded.load(); })) std::abort();  // the thread cannot be left behind
+        m_thread.join();
+        EXPECT_TRUE(zenk_test::bindPort(m_port, SOCK_DGRAM).isOpen()) << "the port is given back";
+    }
+    void stop() {
+        m_server.stopWCServer();
+        join();
+    }
+
+    const int m_port = zenk_test::freePort();
+    std::string m_text = std::to_string(m_port) + "x";  // the sockets read the number only
+    ZenkWallClock m_clock;
+    ZenkCSSWCServer m_server{m_text};
+    zenk_test::WallClockClient m_peer{m_port};
+    std::thread m_thread;
+    std::atomic<bool> m_hasEnded{true};
+};
+
+TEST_F(WCServer, RepliesWithTheRequestsFieldsAndItsOwnTimes) {
+    start();
+    const std::string request = "\x07\xC8\x11\x5A"s + "freqoriginatereceive!transmit";
+    // Receive time, two reads that measure 1000 ns, transmit time; then the same with 7 ns.
+    script({{100, 0}, {1, 0}, {1, 1000}, {101, 999'999'999}});
+    const std::string first = ask(request), second = (script({{102, 5555}, {1, 0}, {1, 7}, {103, 5555}}), ask(request));
+    EXPECT_EQ(first.substr(0, 20), "\x07\x01\xED\x5A\x00\x00\x01\xF4originat\0\0\0\x64"s);
+    EXPECT_EQ(first.substr(24), "\0\0\0\x65\x3B\x9A\xC6\x18"s) << "999,999,000";
+    EXPECT_EQ(second.substr(16), "\0\0\0\x66\0\0\x13\x88\0\0\0\x67\0\0\x15\xAF"s) << "5000 by the earlier tick, 5551";
+}
+
+TEST_F(WCServer, AnswersFromTheAddressThatWasAsked) {
+    start();
+    for (const in_addr_t host : {INADDR_LOOPBACK + 1, INADDR_LOOPBACK + 2}) {
+        const zenk_test::Socket device = zenk_test::connectUdp(m_port);
+        sockaddr_in asked{AF_INET, htons(static_cast<std::uint16_t>(m_port)), {htonl(host)}, {}};
+        ASSERT_EQ(connect(device.fd(), reinterpret_cast<sockaddr*>(&asked), sizeof asked), 0);
+        const timeval patience{2, 0};
+        setsockopt(device.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        char bytes[32] = {};
+        EXPECT_EQ(send(device.fd(), bytes, sizeof bytes, 0), 32);
+        EXPECT_EQ(recv(device.fd(), bytes, sizeof bytes, 0), 32) << "from another address it does not arrive";
+    }
+}
+
+TEST_F(WCServer, StaysInItsBufferAndEndsAtTheWakeWordOrTheStopWhateverIsLeftThere) {
+    start(std::string(128, 'A'));
+    EXPECT_EQ(ask(std::string(10, 'b')).substr(8, 8), "bbAAAAAA");
+    EXPECT_EQ(ask("quitwc").size(), 32U) << "a b follows it in the buffer still";
+    m_peer.send("quitwc\0junk"s);
+    join();
+    for (const char left : {'\0', 'z'}) {
+        EXPECT_EQ(start("").substr(8, 8), std::string(8, '\0')) << "a new run forgets";
+        ask(std::string(129, left));
+        stop();
+    }
+}
+
+TEST_F(WCServer, LeavesDatagramsUnreadWhileIdleAndStopsThen) {
+    start();
+    enable(false);
+    for (int i = 0; i < 3; ++i) m_peer.send("");
+    stop();
+    EXPECT_FALSE(m_peer.hasMore() && m_peer.hasMore()) << "only the next datagram may still be answered";
+}
+
+TEST_F(WCServer, OfManyStartsOneServes) {
+    std::string anyPort = "0";  // the bind lets all of them through
+    ZenkCSSWCServer server(anyPort);
+    std::atomic<int> ended = 0;
+    std::deque<std::thread> starts;
+    for (int i = 0; i < 4; ++i) starts.emplace_back([&] { server.startWCServer(), ++ended; });
+    EXPECT_TRUE(waitUntil([&] { return ended == 3; }));
+    EXPECT_TRUE(waitUntil([&] { return server.stopWCServer(), ended == 4; }));
+    for (std::thread& each : starts) each.join();
+}
+
+TEST_F(WCServer, APassAllocatesNothing) {
+    if (zenk_test::kIsSanitized) GTEST_SKIP() << "the sanitizer's allocator is not counted";
+    start();
+    zenk_test::WallClockClient::Reply reply;
+    const std::size_t before = zenk_test::allocationCount();
+    for (int i = 0; i < 100; ++i) m_peer.send(m_text), m_peer.receive(reply);
+    EXPECT_EQ(zenk_test::allocationCount(), before);
+    EXPECT_NE(ask(m_text), std::string(100, 'x'));
+    EXPECT_GT(zenk_test::allocationCount(), before) << "the counter counts";
+}
+
+}  // namespace
+
+extern "C" {
+
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now);
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+    const std::lock_guard lock(g_mutex);
+    g_lastClock = clock;
+    if (g_reads.empty()) return __real_clock_gettime(clock, now);
+    *now = g_reads.front();
+    g_reads.pop_front();
+    return 0;
+}
+
+}  // extern "C"
