@@ -146,7 +146,7 @@ TEST_F(HostBurst, CutsNobodyForTheLengthOfOneMessage) {
 }
 
 TEST_F(HostBurst, CutsWhomItBringsMoreThanTheMark) {
-    for (const std::size_t bytes : {0, 100'000}) {
+    for (const std::size_t bytes : {std::size_t{0}, std::size_t{100'000}}) {
         const std::size_t before = residentBytes();
         int sent = 0;
         while (sent < 200'000 && send(bytes == 0 ? 1 : 2, bytes) >= 0) ++sent;
