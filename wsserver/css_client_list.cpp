@@ -1,6 +1,7 @@
 #include "wsserver/css_client_list.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "platform/vel_config.h"
@@ -23,11 +24,13 @@ bool CssClientList::holds(std::int32_t limit) const {
     return static_cast<std::size_t>(limit) <= m_ids.size();
 }
 
-bool CssClientList::add(std::int32_t id) {
+CssClientList::Addition CssClientList::add(std::int32_t id) try {
     const MutexLock lock(m_mutex);
-    if (std::find(m_ids.begin(), m_ids.end(), id) != m_ids.end()) return false;
+    if (std::find(m_ids.begin(), m_ids.end(), id) != m_ids.end()) return Addition::kPresent;
     m_ids.push_back(id);
-    return true;
+    return Addition::kAdded;
+} catch (const std::exception&) {
+    return Addition::kNoMemory;
 }
 
 CssClientList::Removal CssClientList::remove(std::int32_t id) {

@@ -11,6 +11,7 @@ namespace zenk {
 /// within each operation only, so nothing is ever called under it.
 class CssClientList {
 public:
+    enum class Addition { kAdded, kPresent, kNoMemory };
     enum class Removal { kListWasEmpty, kNotInList, kRemoved };
 
     bool contains(std::int32_t id) const;
@@ -18,8 +19,8 @@ public:
     /// Whether the list holds `limit` ids or more. @param limit  positive
     bool holds(std::int32_t limit) const;
 
-    /// Appends an id. @return false when it was in the list already
-    bool add(std::int32_t id);
+    /// Appends an id.
+    Addition add(std::int32_t id);
 
     /// Takes one id out; the others keep their order.
     Removal remove(std::int32_t id);

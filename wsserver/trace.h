@@ -17,9 +17,12 @@ public:
 
     explicit Trace(const char* function = __builtin_FUNCTION(), const char* file = __builtin_FILE(),
                    Line line = Line{__builtin_LINE()})
-        : m_function(function), m_file(file) {
+        : m_function(function), m_file(file), m_line(line) {
         write(LOG_TYPE_ENTER, line);
     }
+
+    /// Where it was built: for code in another file that several operations share.
+    Line line() const { return m_line; }
 
     /// The normal end.
     void leave(Line line = Line{__builtin_LINE()}) const { write(LOG_TYPE_LEAVE, line); }
@@ -55,13 +58,7 @@ private:
 
     const char* const m_function;
     const char* const m_file;
+    const Line m_line;
 };
 
 }  // namespace zenk
-
-#define ZENK_TRACE_AT(type, name, value) \
-    ::zenk_log_print((type), "PLUGIN", __FILE__, __func__, __LINE__, (name), (value))
-#define ZENK_TRACE_ENTER() ZENK_TRACE_AT(LOG_TYPE_ENTER, nullptr, nullptr)
-#define ZENK_TRACE_LEAVE() ZENK_TRACE_AT(LOG_TYPE_LEAVE, nullptr, nullptr)
-#define ZENK_TRACE_ERROR() ZENK_TRACE_AT(LOG_TYPE_ERROR, nullptr, nullptr)
-#define ZENK_TRACE_STRING(name, text) ZENK_TRACE_AT(LOG_TYPE_STRING, (name), (text))

@@ -93,8 +93,8 @@ public:
     static ZenkWallClock* m_instance;
 
 private:
-    int usableTick(int measuredNs);
-    int measureAndStore();
+    ZENK_HIDDEN int usableTick(int measuredNs);
+    ZENK_HIDDEN int measureAndStore();
 
     // Written by whichever thread initialises or measures, read by any: each one atomic word, no lock.
     ZenkWallClockType m_type;

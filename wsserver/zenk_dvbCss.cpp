@@ -1,6 +1,5 @@
 #include "wsserver/zenk_dvbCss.h"
 
-#include <cxxabi.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -11,7 +10,10 @@
 #include <utility>
 
 #include "wsserver/cancellation.h"
+#include "wsserver/constants.h"
+#include "wsserver/css_delivery.h"
 #include "wsserver/css_event_queue.h"
+#include "wsserver/css_server.h"
 #include "wsserver/local_address.h"
 #include "wsserver/shared_value.h"
 #include "wsserver/socket.h"
@@ -19,6 +21,8 @@
 #include "wsserver/wall_clock.h"
 #include "wsserver/wc_exchange.h"
 
+using Addition = zenk::CssClientList::Addition;
+using Removal = zenk::CssClientList::Removal;
 using zenk::exchangeShared;
 using zenk::loadShared;
 using zenk::storeShared;
@@ -33,27 +37,6 @@ namespace {
 // Guards the creation of the dispatcher and the end of m_instance. Nothing destroys it when the process exits.
 constinit zenk::Mutex g_creationMutex;
 static_assert(std::is_trivially_destructible_v<zenk::Mutex>);
-
-// The message moves on: nobody else looks at the record any more.
-void deliver(ZenkDispatcherInfo& record) {
-    ZenkCSSEevntInfo info{record.clientId, std::move(record.message)};
-    if (record.event <= CSS_EVENT_CII_CLIENT_LEAVE) {
-        static_cast<ZenkCSSCIIServer*>(record.server)->dispatchEventToMS(record.event, &info);
-    } else {
-        static_cast<ZenkCSSTSServer*>(record.server)->dispatchEventToMS(record.event, &info);
-    }
-}
-
-// A callback that throws loses its event only. The unwinding of a thread that ends must go on to the thread's bottom;
-// it is no C++ object, so that the compiler's check for null references misfires.
-__attribute__((noinline, no_sanitize("null"))) void deliverAndContain(ZenkDispatcherInfo& record) {
-    try {
-        deliver(record);
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-    }
-}
 
 // Without the dispatcher itself: a server's may go meanwhile.
 void queueEvent(zenk::CssEventQueue& events, const ZenkDispatcherInfo* record) {
@@ -121,7 +104,7 @@ void ZenkCSSEventDispatcher::processEvent() {
     const Trace trace;
     // From the first delivery on this object may be gone, destroyed by a callback.
     const std::shared_ptr<zenk::CssEventQueue> events = m_events;
-    if (m_keepRunning) events->run(deliverAndContain);
+    if (m_keepRunning) events->run(zenk::deliver);
     trace.fail();
     trace.leave();
 }
@@ -138,412 +121,207 @@ void* cssEventThread(void* argument) {
     return nullptr;
 }
 
-// What both servers do in the same way.
+// ---------------------------------------------------------------- CSS-CII server
+
 namespace {
 
-constexpr int kEveryClient = -1;
-
-/// Prints the limit, and `refusal` too when the list is full.
-bool hasRoom(const zenk::CssClientList& clients, std::int32_t limit, const char* refusal) {
-    std::printf("m_maxClientNum = %d\n", limit);
-    if (!clients.holds(limit)) return true;
-    std::puts(refusal);
-    return false;
-}
-
-/// Copies `length` bytes; throws when it is negative.
-std::string copyMessage(const unsigned char* message, int length) {
-    return {reinterpret_cast<const char*>(message), static_cast<std::size_t>(length)};
-}
-
-/// Takes one id, or all of them for -1, out of the list, and then closes what was taken out.
-/// @return kRemoved for a single id only
-zenk::CssClientList::Removal removeAndClose(zenk::CssClientList& clients, ClientObserver& server, int clientId) {
-    using Removal = zenk::CssClientList::Removal;
-    if (clientId != kEveryClient) {
-        const Removal removal = clients.remove(clientId);
-        if (removal == Removal::kRemoved) server.closeClientConnection(clientId);
-        return removal;
-    }
-    const std::vector<std::int32_t> taken = clients.takeAll();
-    for (const std::int32_t id : taken) server.closeClientConnection(id);
-    return taken.empty() ? Removal::kListWasEmpty : Removal::kNotInList;
-}
-
-/// Leaves both sides that call the server; after this nobody does.
-void disconnect(MediaSyncServer* webSocketServer, ClientObserver& observer, zenk::CssEventQueue& events,
-                const void* server) {
-    if (webSocketServer != nullptr) webSocketServer->removeObserver(&observer);
-    events.leave(server);
-}
+struct Cii {
+    using Server = ZenkCSSCIIServer;
+    static constexpr char kName[] = "CII", kRefusal[] = "CII Client num reach max number, can't connect";
+    static constexpr const char* kPath = zenk::kCiiPath;
+    static constexpr ZenkCSSEvent kNewClient = CSS_EVENT_CII_NEW_CLIENT, kMessage = CSS_EVENT_CII_MESSAGE,
+                                  kClientLeave = CSS_EVENT_CII_CLIENT_LEAVE;
+    static constexpr auto kExists = &Server::ciiClientIdExists, kAdd = &Server::addCiiClientId;
+    static constexpr auto kGiveUrl = &MediaSyncServer::getInterDevSyncUrl;
+};
+using CiiServer = zenk::CssServer<Cii>;
 
 }  // namespace
-
-// ---------------------------------------------------------------- CSS-CII server
 
 ZenkCSSCIIServer* ZenkCSSCIIServer::m_instance = nullptr;
 
 ZenkCSSCIIServer::ZenkCSSCIIServer() {
-    ZENK_TRACE_ENTER();
-    setUp();
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    CiiServer::setUp(*this, trace);
+    trace.leave();
 }
 
-ZenkCSSCIIServer::ZenkCSSCIIServer(std::string& initString) : m_initString(initString) {
-    ZENK_TRACE_ENTER();
-    setUp();
-    ZENK_TRACE_LEAVE();
-}
-
-// No trace of its own, so that each constructor writes its two lines once.
-void ZenkCSSCIIServer::setUp() {
-    m_events = zenk::CssEventQueue::join(m_dispatcher);
-    std::atomic_ref(m_instance).store(this);
-    m_maxClientNum = zenk::readCssClientLimit();
-    std::printf("CII m_maxClientNum = %d\n", m_maxClientNum);
-    m_events->enter(this, m_server, CSS_EVENT_CII_NEW_CLIENT);  // last: nothing can fail behind it
+ZenkCSSCIIServer::ZenkCSSCIIServer(std::string& initString) {
+    const Trace trace;
+    CiiServer::setUp(*this, trace, initString);
+    trace.leave();
 }
 
 ZenkCSSCIIServer::~ZenkCSSCIIServer() {
-    ZENK_TRACE_ENTER();
-    disconnect(std::atomic_ref(m_server).load(), *this, *m_events, this);
-    m_dispatcher = nullptr;
-    {
-        const zenk::MutexLock lock(m_mutex);
-        m_eventCallback = nullptr;
-        m_eventUserData = nullptr;
-    }
-    m_enableInterDevSync = false;
-    std::atomic_ref(m_instance).store(nullptr);
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    CiiServer::tearDown(*this);
+    trace.leave();
 }
 
-void ZenkCSSCIIServer::onNewClient(char* uri, int clientId) try {
-    ZENK_TRACE_ENTER();
-    if (uri == nullptr || ciiClientIdExists(clientId) != 0) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    if (!hasRoom(m_clientIds, m_maxClientNum, "CII Client num reach max number, can't connect")) return;
-    const std::string requrl(uri);
-    ZENK_TRACE_STRING("requrl", requrl.c_str());
-    if (requrl.find("/css-cii") != std::string::npos) {
-        if (addCiiClientId(clientId) != 0) post(CSS_EVENT_CII_NEW_CLIENT, clientId, {});
-    }
-    ZENK_TRACE_LEAVE();
-} catch (const std::exception&) {
-    ZENK_TRACE_ERROR();
+void ZenkCSSCIIServer::onNewClient(char* uri, int clientId) {
+    CiiServer::newClient(*this, uri, clientId, Trace());
 }
 
-void ZenkCSSCIIServer::onMessage(unsigned char* message, int length, int clientId) try {
-    ZENK_TRACE_ENTER();
-    if (message == nullptr || ciiClientIdExists(clientId) == 0) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    std::string msg = copyMessage(message, length);
-    ZENK_TRACE_STRING("msg", msg.c_str());
-    post(CSS_EVENT_CII_MESSAGE, clientId, std::move(msg));
-    ZENK_TRACE_LEAVE();
-} catch (const std::exception&) {
-    ZENK_TRACE_ERROR();
+void ZenkCSSCIIServer::onMessage(unsigned char* message, int length, int clientId) {
+    CiiServer::message(*this, message, length, clientId, Trace());
 }
 
-// The place becomes free before the host hears of it, so that a host that answers at once sees the list without it.
 void ZenkCSSCIIServer::onClientLeave(int clientId) {
-    ZENK_TRACE_ENTER();
-    if (ciiClientIdExists(clientId) == 0 || m_clientIds.remove(clientId) != zenk::CssClientList::Removal::kRemoved) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    post(CSS_EVENT_CII_CLIENT_LEAVE, clientId, {});
-    ZENK_TRACE_LEAVE();
-}
-
-void ZenkCSSCIIServer::post(ZenkCSSEvent event, int clientId, std::string message) {
-    if (m_dispatcher != nullptr) zenk::queueEvent(*m_events, {event, this, clientId, std::move(message)});
+    CiiServer::clientLeave(*this, clientId, Trace());
 }
 
 int ZenkCSSCIIServer::getCssServerStatus() {
-    ZENK_TRACE_ENTER();
-    if (!m_enableInterDevSync) return 1;
-    if (m_clientIds.holds(m_maxClientNum)) return 2;
-    ZENK_TRACE_LEAVE();
-    return 0;
+    return CiiServer::status(*this, Trace());
 }
 
 void ZenkCSSCIIServer::registerCIIEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*),
                                                 void const* userData) {
-    ZENK_TRACE_ENTER();
-    {
-        const zenk::MutexLock lock(m_mutex);
-        m_eventCallback = callback;
-        m_eventUserData = userData;
-    }
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    CiiServer::setCallback(*this, callback, userData);
+    trace.leave();
 }
 
 void ZenkCSSCIIServer::unRegisterCIIEventCallback() {
-    ZENK_TRACE_ENTER();
-    {
-        const zenk::MutexLock lock(m_mutex);
-        m_eventCallback = nullptr;
-        m_eventUserData = nullptr;
-    }
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    CiiServer::setCallback(*this, nullptr, nullptr);
+    trace.leave();
 }
 
-// Emptied before the closing: a client that connects in between is then listed and closed like any other, and one that
-// connects later is listed.
 void ZenkCSSCIIServer::setEnableInterDevSync(bool enable) {
-    ZENK_TRACE_ENTER();
-    m_enableInterDevSync = enable;
-    if (!enable) {
-        m_clientIds.takeAll();
-        closeClientConnection(kEveryClient);
-    }
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    CiiServer::enable(*this, enable);
+    trace.leave();
 }
 
-void ZenkCSSCIIServer::getCssCiiEndpoint(std::string& endpoint) try {
-    ZENK_TRACE_ENTER();
-    MediaSyncServer* const server = MediaSyncServer::getInstance();
-    if (server == nullptr) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    std::string url;
-    server->getInterDevSyncUrl(url);
-    endpoint = url;
-    ZENK_TRACE_STRING("url.c_str()", url.c_str());
-    ZENK_TRACE_LEAVE();
-} catch (const std::exception&) {
-    ZENK_TRACE_ERROR();
+void ZenkCSSCIIServer::getCssCiiEndpoint(std::string& endpoint) {
+    CiiServer::giveEndpoint(endpoint, Trace());
 }
 
-int ZenkCSSCIIServer::addCiiClientId(int clientId) try {
-    ZENK_TRACE_ENTER();
-    if (!m_clientIds.add(clientId)) {
-        ZENK_TRACE_ERROR();
-        return 0;
-    }
-    ZENK_TRACE_LEAVE();
-    return 1;
-} catch (const std::exception&) {
-    ZENK_TRACE_ERROR();
-    return 0;
+int ZenkCSSCIIServer::addCiiClientId(int clientId) {
+    const Trace trace;
+    return m_clientIds.add(clientId) == Addition::kAdded ? trace.leave(1) : trace.fail(0);
 }
 
-// The close event of a client that is closed here finds its id gone, and so makes no event.
 int ZenkCSSCIIServer::removeCiiClientId(int clientId) {
-    using Removal = zenk::CssClientList::Removal;
-    ZENK_TRACE_ENTER();
-    const Removal removal = removeAndClose(m_clientIds, *this, clientId);
-    if (removal == Removal::kListWasEmpty) ZENK_TRACE_ERROR();
+    const Trace trace;
+    const Removal removal = CiiServer::remove(*this, clientId);
+    if (removal == Removal::kListWasEmpty) trace.fail();
     return removal == Removal::kRemoved ? 1 : 0;
 }
 
 int ZenkCSSCIIServer::ciiClientIdExists(int clientId) {
-    ZENK_TRACE_ENTER();
-    const bool isListed = m_clientIds.contains(clientId);
-    ZENK_TRACE_LEAVE();
-    return isListed ? 1 : 0;
+    const Trace trace;
+    return trace.leave(m_clientIds.contains(clientId) ? 1 : 0);
 }
 
 void ZenkCSSCIIServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info) {
-    ZENK_TRACE_ENTER();
-    if (!m_enableInterDevSync) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    {
-        const zenk::MutexLock lock(m_mutex);
-        if (m_eventCallback != nullptr && m_eventUserData != nullptr) m_eventCallback(event, info, m_eventUserData);
-    }
-    ZENK_TRACE_LEAVE();
+    CiiServer::dispatch(*this, event, info, Trace());
 }
 
 // ---------------------------------------------------------------- CSS-TS server
 
+namespace {
+
+struct Ts {
+    using Server = ZenkCSSTSServer;
+    static constexpr char kName[] = "TS", kRefusal[] = "TS Client num reach max number, can't connect";
+    static constexpr const char* kPath = zenk::kTsPath;
+    static constexpr ZenkCSSEvent kNewClient = CSS_EVENT_TS_NEW_CLIENT, kMessage = CSS_EVENT_TS_MESSAGE,
+                                  kClientLeave = CSS_EVENT_TS_CLIENT_LEAVE;
+    static constexpr auto kExists = &Server::tsClientIdExists, kAdd = &Server::addTsClientId;
+    static constexpr auto kGiveUrl = &MediaSyncServer::getCssTsEndpoint;
+};
+using TsServer = zenk::CssServer<Ts>;
+
+}  // namespace
+
 ZenkCSSTSServer* ZenkCSSTSServer::m_instance = nullptr;
 
 ZenkCSSTSServer::ZenkCSSTSServer() {
-    ZENK_TRACE_ENTER();
-    setUp();
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    TsServer::setUp(*this, trace);
+    trace.leave();
 }
 
-ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) : m_initString(initString) {
-    ZENK_TRACE_ENTER();
-    setUp();
-    ZENK_TRACE_LEAVE();
-}
-
-// No trace of its own, so that each constructor writes its two lines once.
-void ZenkCSSTSServer::setUp() {
-    m_events = zenk::CssEventQueue::join(m_dispatcher);
-    std::atomic_ref(m_instance).store(this);
-    m_maxClientNum = zenk::readCssClientLimit();
-    std::printf("TS m_maxClientNum = %d\n", m_maxClientNum);
-    m_events->enter(this, m_server, CSS_EVENT_TS_NEW_CLIENT);  // last: nothing can fail behind it
+ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) {
+    const Trace trace;
+    TsServer::setUp(*this, trace, initString);
+    trace.leave();
 }
 
 ZenkCSSTSServer::~ZenkCSSTSServer() {
-    ZENK_TRACE_ENTER();
-    disconnect(std::atomic_ref(m_server).load(), *this, *m_events, this);
-    m_dispatcher = nullptr;
-    {
-        const zenk::MutexLock lock(m_mutex);
-        m_eventCallback = nullptr;
-        m_eventUserData = nullptr;
-    }
-    m_enableInterDevSync = false;
-    std::atomic_ref(m_instance).store(nullptr);
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    TsServer::tearDown(*this);
+    trace.leave();
 }
 
-void ZenkCSSTSServer::onNewClient(char* uri, int clientId) try {
-    ZENK_TRACE_ENTER();
-    if (uri == nullptr || tsClientIdExists(clientId) != 0) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    if (!hasRoom(m_clientIds, m_maxClientNum, "TS Client num reach max number, can't connect")) return;
-    const std::string requrl(uri);
-    ZENK_TRACE_STRING("requrl", requrl.c_str());
-    if (requrl.find("/css-ts") != std::string::npos) {
-        if (addTsClientId(clientId) != 0) post(CSS_EVENT_TS_NEW_CLIENT, clientId, {});
-    }
-    ZENK_TRACE_LEAVE();
-} catch (const std::exception&) {
-    ZENK_TRACE_ERROR();
+void ZenkCSSTSServer::onNewClient(char* uri, int clientId) {
+    TsServer::newClient(*this, uri, clientId, Trace());
 }
 
-void ZenkCSSTSServer::onMessage(unsigned char* message, int length, int clientId) try {
-    ZENK_TRACE_ENTER();
-    if (message == nullptr || tsClientIdExists(clientId) == 0) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    std::string msg = copyMessage(message, length);
-    ZENK_TRACE_STRING("msg", msg.c_str());
-    post(CSS_EVENT_TS_MESSAGE, clientId, std::move(msg));
-    ZENK_TRACE_LEAVE();
-} catch (const std::exception&) {
-    ZENK_TRACE_ERROR();
+void ZenkCSSTSServer::onMessage(unsigned char* message, int length, int clientId) {
+    TsServer::message(*this, message, length, clientId, Trace());
 }
 
-// The place becomes free before the host hears of it, so that a host that answers at once sees the list without it.
 void ZenkCSSTSServer::onClientLeave(int clientId) {
-    ZENK_TRACE_ENTER();
-    if (tsClientIdExists(clientId) == 0 || m_clientIds.remove(clientId) != zenk::CssClientList::Removal::kRemoved) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    post(CSS_EVENT_TS_CLIENT_LEAVE, clientId, {});
-    ZENK_TRACE_LEAVE();
-}
-
-void ZenkCSSTSServer::post(ZenkCSSEvent event, int clientId, std::string message) {
-    if (m_dispatcher != nullptr) zenk::queueEvent(*m_events, {event, this, clientId, std::move(message)});
+    TsServer::clientLeave(*this, clientId, Trace());
 }
 
 int ZenkCSSTSServer::getCssServerStatus() {
-    ZENK_TRACE_ENTER();
-    if (!m_enableInterDevSync) return 1;
-    if (m_clientIds.holds(m_maxClientNum)) return 2;
-    ZENK_TRACE_LEAVE();
-    return 0;
+    return TsServer::status(*this, Trace());
 }
 
 void ZenkCSSTSServer::registerTSEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*),
                                               void const* userData) {
-    ZENK_TRACE_ENTER();
-    {
-        const zenk::MutexLock lock(m_mutex);
-        m_eventCallback = callback;
-        m_eventUserData = userData;
-    }
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    TsServer::setCallback(*this, callback, userData);
+    trace.leave();
 }
 
 void ZenkCSSTSServer::unRegisterTSEventCallback() {
-    ZENK_TRACE_ENTER();
-    {
-        const zenk::MutexLock lock(m_mutex);
-        m_eventCallback = nullptr;
-        m_eventUserData = nullptr;
-    }
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    TsServer::setCallback(*this, nullptr, nullptr);
+    trace.leave();
 }
 
-// Emptied before the closing: a client that connects in between is then listed and closed like any other, and one that
-// connects later is listed.
 void ZenkCSSTSServer::setEnableInterDevSync(bool enable) {
-    ZENK_TRACE_ENTER();
-    m_enableInterDevSync = enable;
-    if (!enable) {
-        m_clientIds.takeAll();
-        closeClientConnection(kEveryClient);
-    }
-    ZENK_TRACE_LEAVE();
+    const Trace trace;
+    TsServer::enable(*this, enable);
+    trace.leave();
 }
 
-void ZenkCSSTSServer::getCssTsEndpoint(std::string& endpoint) try {
-    ZENK_TRACE_ENTER();
-    MediaSyncServer* const server = MediaSyncServer::getInstance();
-    if (server == nullptr) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    std::string url;
-    server->getCssTsEndpoint(url);
-    endpoint = url;
-    ZENK_TRACE_STRING("url.c_str()", url.c_str());
-    ZENK_TRACE_LEAVE();
-} catch (const std::exception&) {
-    ZENK_TRACE_ERROR();
+void ZenkCSSTSServer::getCssTsEndpoint(std::string& endpoint) {
+    TsServer::giveEndpoint(endpoint, Trace());
 }
 
-int ZenkCSSTSServer::addTsClientId(int clientId) try {
-    ZENK_TRACE_ENTER();
-    return m_clientIds.add(clientId) ? 1 : 0;
-} catch (const std::exception&) {
-    ZENK_TRACE_ERROR();
-    return 0;
+// This server's operations on its list write other ends to the trace than those of the CSS-CII server.
+int ZenkCSSTSServer::addTsClientId(int clientId) {
+    const Trace trace;
+    const Addition addition = m_clientIds.add(clientId);
+    if (addition == Addition::kNoMemory) trace.fail();
+    return addition == Addition::kAdded ? 1 : 0;
 }
 
-// The close event of a client that is closed here finds its id gone, and so makes no event.
 int ZenkCSSTSServer::removeTsClientId(int clientId) {
-    using Removal = zenk::CssClientList::Removal;
-    ZENK_TRACE_ENTER();
-    const Removal removal = removeAndClose(m_clientIds, *this, clientId);
-    if (removal == Removal::kListWasEmpty) {
-        ZENK_TRACE_ERROR();
-        return 0;
+    const Trace trace;
+    switch (TsServer::remove(*this, clientId)) {
+        case Removal::kListWasEmpty:
+            return trace.fail(0);
+        case Removal::kRemoved:
+            return 1;
+        case Removal::kNotInList:
+            break;
     }
-    if (removal == Removal::kRemoved) return 1;
-    ZENK_TRACE_LEAVE();
-    return 0;
+    return trace.leave(0);
 }
 
 int ZenkCSSTSServer::tsClientIdExists(int clientId) {
-    ZENK_TRACE_ENTER();
-    const bool isListed = m_clientIds.contains(clientId);
-    return isListed ? 1 : 0;
+    const Trace trace;
+    return m_clientIds.contains(clientId) ? 1 : 0;
 }
 
 void ZenkCSSTSServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info) {
-    ZENK_TRACE_ENTER();
-    if (!m_enableInterDevSync) {
-        ZENK_TRACE_ERROR();
-        return;
-    }
-    {
-        const zenk::MutexLock lock(m_mutex);
-        if (m_eventCallback != nullptr && m_eventUserData != nullptr) m_eventCallback(event, info, m_eventUserData);
-    }
-    ZENK_TRACE_LEAVE();
+    TsServer::dispatch(*this, event, info, Trace());
 }
 
 // ---------------------------------------------------------------- CSS-WC server
@@ -561,14 +339,22 @@ ZenkWallClock* takeWallClock() {
 }  // namespace
 
 ZenkCSSWCServer::ZenkCSSWCServer() : m_running(0), m_enableInterDevSync(0) {
-    const Trace trace;
-    zenk::CssEventQueue::join(m_dispatcher);
-    storeShared(m_instance, this);
-    trace.leave();
+    setUp({}, Trace());
 }
 
-ZenkCSSWCServer::ZenkCSSWCServer(std::string& port) : ZenkCSSWCServer() {
-    m_port = port;
+ZenkCSSWCServer::ZenkCSSWCServer(std::string& port) : m_running(0), m_enableInterDevSync(0) {
+    setUp(port, Trace());
+}
+
+void ZenkCSSWCServer::setUp(const std::string& port, const Trace& trace) {
+    try {
+        m_port = port;
+        zenk::CssEventQueue::join(m_dispatcher);
+    } catch (const std::exception&) {
+        trace.fail();
+    }
+    storeShared(m_instance, this);
+    trace.leave();
 }
 
 ZenkCSSWCServer::~ZenkCSSWCServer() {

@@ -20,7 +20,10 @@
 
 namespace zenk {
 class CssEventQueue;
-}
+class Trace;
+template <typename Kind>
+class CssServer;
+}  // namespace zenk
 
 // ---------------------------------------------------------------- event dispatcher
 
@@ -134,8 +137,9 @@ ZENK_API void* cssEventThread(void* dispatcher);
 /// outside App2App is refused while this server is disabled (HTTP 403) or full (503), CSS-TS clients too.
 ///
 /// The host owns the server and destroys it when it likes, with the service running too, but not from inside its own
-/// callback. All operations may be called from any thread, unless one says otherwise. No exception leaves them; the
-/// constructors throw std::bad_alloc when there is no memory.
+/// callback. All operations may be called from any thread, unless one says otherwise. No exception leaves them, nor the
+/// constructors: without memory the server comes up without a dispatcher, with an error trace line; clients are served
+/// then, but the host hears of none.
 class ZENK_API ZenkCSSCIIServer : public ClientObserver {
 public:
     /// Stores `this` in `m_instance`, creates the event dispatcher if there is none, reads the limit and prints it. The
@@ -214,8 +218,8 @@ public:
     static ZenkCSSCIIServer* m_instance;
 
 private:
-    void setUp();
-    void post(ZenkCSSEvent event, int clientId, std::string message);
+    template <typename Kind>
+    friend class zenk::CssServer;
 
     zenk::CssClientList m_clientIds;  // has its own lock
     ZenkCSSEventCallback m_eventCallback ZENK_GUARDED_BY(m_mutex) = nullptr;
@@ -241,8 +245,9 @@ private:
 /// outside App2App is refused while this server is disabled (HTTP 403) or full (503), CSS-CII clients too.
 ///
 /// The host owns the server and destroys it when it likes, with the service running too, but not from inside its own
-/// callback. All operations may be called from any thread, unless one says otherwise. No exception leaves them; the
-/// constructors throw std::bad_alloc when there is no memory.
+/// callback. All operations may be called from any thread, unless one says otherwise. No exception leaves them, nor the
+/// constructors: without memory the server comes up without a dispatcher, with an error trace line; clients are served
+/// then, but the host hears of none.
 class ZENK_API ZenkCSSTSServer : public ClientObserver {
 public:
     /// Stores `this` in `m_instance`, creates the event dispatcher if there is none, reads the limit and prints it. The
@@ -321,8 +326,8 @@ public:
     static ZenkCSSTSServer* m_instance;
 
 private:
-    void setUp();
-    void post(ZenkCSSEvent event, int clientId, std::string message);
+    template <typename Kind>
+    friend class zenk::CssServer;
 
     zenk::CssClientList m_clientIds;  // has its own lock
     ZenkCSSEventCallback m_eventCallback ZENK_GUARDED_BY(m_mutex) = nullptr;
@@ -345,9 +350,9 @@ private:
 /// request go to standard output, so nobody may leave a pipe there unread.
 ///
 /// Nothing tells who sent a datagram: "quitwc" from any device on the network ends the server, as stopWCServer() does.
-///
 /// The host owns the server and destroys it only after startWCServer() has returned. No exception leaves the
-/// operations; the constructors throw std::bad_alloc when there is no memory.
+/// operations, nor the constructors: without memory for its port the server comes up without one, with an error trace
+/// line.
 class ZENK_API ZenkCSSWCServer {
 public:
     /// Stores `this` in `m_instance` and takes the event dispatcher, which is built if there is none yet. Without a
@@ -382,9 +387,11 @@ public:
     static ZenkCSSWCServer* m_instance;
 
 private:
-    unsigned char m_running;               // any thread, as an atomic byte; set from the bind to the end of the loop
-    std::string m_port;                    // constant after construction
-    ZenkCSSEventDispatcher* m_dispatcher;  // constant after construction; held, not used
+    ZENK_HIDDEN void setUp(const std::string& port, const zenk::Trace& trace);
+
+    unsigned char m_running;  // any thread, as an atomic byte; set from the bind to the end of the loop
+    std::string m_port;       // constant after construction
+    ZenkCSSEventDispatcher* m_dispatcher = nullptr;  // constant after construction; held, not used
 
 public:
     /// Non-zero lets the server answer; 0, as it is built, lets it stay idle with the datagrams waiting in its socket.
