@@ -65,23 +65,16 @@ struct ModulesEnd {
     }
 } g_modulesEnd;
 
-int printableSize(std::string_view name) {
-    return static_cast<int>(std::min<std::size_t>(name.size(), std::numeric_limits<int>::max()));
+// Takes the next name off the list, passing over empty ones; empty at its end.
+std::string_view takeName(std::string_view& list) {
+    list.remove_prefix(std::min(list.find_first_not_of(kSeparator), list.size()));
+    const std::string_view name = list.substr(0, list.find(kSeparator));
+    list.remove_prefix(name.size());
+    return name;
 }
 
 bool isTooLong(std::string_view name) {
-    if (name.size() <= kMaxNameBytes) return false;
-    std::printf("module:%.*s set error, length is %zu, out of max length:%d\n", printableSize(name), name.data(),
-                name.size(), static_cast<int>(kMaxNameBytes));
-    return true;
-}
-
-// Asked before the look-up: a full table takes no new level for a name that it holds either.
-bool isTableFull(std::string_view name) {
-    if (g_module_levels.size() < kMaxModules) return false;
-    std::printf("module:%.*s set error, module_list map has number:%zu\n", printableSize(name), name.data(),
-                g_module_levels.size());
-    return true;
+    return name.size() > kMaxNameBytes;
 }
 
 void removeModule(std::string_view name) {
@@ -93,26 +86,46 @@ bool storeModule(std::string_view name, int level) try {
     g_module_levels.insert_or_assign(std::string(name), level);
     return true;
 } catch (const std::bad_alloc&) {
-    std::printf("module:%.*s set error, out of memory\n", printableSize(name), name.data());
     return false;
 }
 
-// False ends the list: what follows would fare no better.
-bool applyToModule(std::string_view name, int level) {
-    if (isTooLong(name)) return true;
-    if (level == 0) {
-        removeModule(name);
-        return true;
+/// Where a list ended early: what follows would fare no better.
+struct EarlyEnd {
+    std::string_view name;  // empty: it did not
+    std::size_t tableSize = 0;
+};
+
+// Under g_modulesMutex. A full table takes no new level for a name that it holds either.
+EarlyEnd applyList(std::string_view list, int level) {
+    for (auto name = takeName(list); !name.empty(); name = takeName(list)) {
+        if (isTooLong(name)) continue;
+        if (level == 0) {
+            removeModule(name);
+        } else if (g_module_levels.size() >= kMaxModules || !storeModule(name, level)) {
+            return {name, g_module_levels.size()};
+        }
     }
-    return !isTableFull(name) && storeModule(name, level);
+    return {};
 }
 
-// Takes the next name off the list, passing over empty ones; empty at its end.
-std::string_view takeName(std::string_view& list) {
-    list.remove_prefix(std::min(list.find_first_not_of(kSeparator), list.size()));
-    const std::string_view name = list.substr(0, list.find(kSeparator));
-    list.remove_prefix(name.size());
-    return name;
+int printableSize(std::string_view name) {
+    return static_cast<int>(std::min<std::size_t>(name.size(), std::numeric_limits<int>::max()));
+}
+
+// Behind the lock: whoever prints may wait for the reader of standard output, and whoever forks waits for the lock.
+void tellRefusals(std::string_view list, const EarlyEnd& end) {
+    for (auto name = takeName(list); !name.empty() && name.data() != end.name.data(); name = takeName(list)) {
+        if (!isTooLong(name)) continue;
+        std::printf("module:%.*s set error, length is %zu, out of max length:%d\n", printableSize(name), name.data(),
+                    name.size(), static_cast<int>(kMaxNameBytes));
+    }
+    if (end.name.empty()) return;
+    if (end.tableSize >= kMaxModules) {
+        std::printf("module:%.*s set error, module_list map has number:%zu\n", printableSize(end.name), end.name.data(),
+                    end.tableSize);
+    } else {
+        std::printf("module:%.*s set error, out of memory\n", printableSize(end.name), end.name.data());
+    }
 }
 
 }  // namespace
@@ -126,13 +139,14 @@ int zenk_log_getLevel(const char* module) {
 
 int insert_modules_list(const char* modules, int level) {
     if (modules == nullptr) return -1;
-    const std::lock_guard lock(g_modulesMutex);
-    if (g_areModulesGone) return 0;
-    std::string_view list = modules;
-    for (auto name = takeName(list); !name.empty(); name = takeName(list)) {
-        if (!applyToModule(name, level)) break;
+    EarlyEnd end;
+    {
+        const std::lock_guard lock(g_modulesMutex);
+        if (g_areModulesGone) return 0;
+        end = applyList(modules, level);
+        publishModules();
     }
-    publishModules();
+    tellRefusals(modules, end);
     return 0;
 }
 

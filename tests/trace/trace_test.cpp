@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "log/zenk_log.h"
-#include "tests/css/css_host.h"
+#include "tests/support/css_host.h"
 #include "tests/support/captured_output.h"
 #include "tests/support/css_kinds.h"
 #include "tests/support/outside.h"

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tests/css/css_host.h"
+#include "tests/support/css_host.h"
 #include "tests/support/sanitizer.h"
 
 static std::atomic<bool> g_refusesThreads = false;

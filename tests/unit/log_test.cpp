@@ -168,6 +168,26 @@ TEST_F(Log, KeepsLinesWholeAndLevelsRightWhileTheTableChanges) {
     EXPECT_EQ(std::regex_replace(m_output.take(), line, "."), std::string(8 * 500, '.'));
 }
 
+TEST_F(Log, LetsAProcessForkThatWaitsForTheReaderOfItsOutput) {
+    const auto hostWithAFullPipe = [] {
+        alarm(20);  // ends it where the fork hangs
+        int ends[2];
+        if (pipe2(ends, O_NONBLOCK) != 0) _exit(2);
+        while (write(ends[1], ends, 1) == 1) continue;
+        fcntl(ends[1], F_SETFL, 0);
+        dup2(ends[1], STDOUT_FILENO);
+        std::setvbuf(stdout, nullptr, _IONBF, 0);
+        std::thread([] { insert_modules_list((std::string(33, 'x') + "|A").c_str(), 1); }).detach();
+        while (zenk_log_getLevel("A") != 2) sched_yield();
+        const pid_t child = fork();
+        if (child == 0) _exit(insert_modules_list("B", 1));
+        int status = 1;
+        waitpid(child, &status, 0);
+        _exit(status);
+    };
+    EXPECT_EXIT(hostWithAFullPipe(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(Log, HasOneControlThreadHoweverOftenItIsAskedFor) {
     const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
     const auto before = threads();
