@@ -1,25 +1,35 @@
 // The reference host: everything that a receiver does to offer companion-screen services, in the order in which it has
 // to be done. Meant to be copied from.
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <future>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
+#include "examples/command_lines.h"
 #include "examples/companion_services.h"
 #include "examples/local_port.h"
 #include "examples/print_line.h"
+#include "examples/services.h"
+#include "examples/television.h"
 #include "log/zenk_log.h"
 #include "wsserver/media_sync_server.h"
 #include "wsserver/wall_clock.h"
@@ -36,6 +46,9 @@ struct Options {
     bool noPairing = false;
     bool noSync = false;
     bool logControl = false;
+    std::string services;  // the names of files; empty for none
+    std::string config;
+    std::string log;
 };
 
 /// Lends the WebSocket server a thread. `server` and its observers must outlive this object.
@@ -64,13 +77,14 @@ private:
     std::future<int> m_result;
 };
 
-/// Owns the wall-clock server and lends it a thread.
+/// Owns the wall-clock server and lends it a thread. Any device may tell the server to quit, so it is started again.
 class ClockService {
 public:
     explicit ClockService(int port) : m_portText(std::to_string(port)), m_server(m_portText) {}
 
     ~ClockService() {
         if (!m_thread.joinable()) return;
+        m_end.set_value();
         while (m_ended.wait_for(0s) != std::future_status::ready) endServer();
         m_thread.join();
     }
@@ -79,7 +93,7 @@ public:
     void start(bool isAnswering) {
         // The server's thread reads this byte at every pass, so a host writes it atomically.
         std::atomic_ref(m_server.m_enableInterDevSync).store(isAnswering ? 1 : 0);
-        std::packaged_task<void()> serve([this] { m_server.startWCServer(); });
+        std::packaged_task<void()> serve([this] { serveUntilEnd(); });
         m_ended = serve.get_future();
         m_thread = std::thread(std::move(serve));
     }
@@ -87,6 +101,16 @@ public:
     void getUrl(std::string& url) { m_server.getCssWcEndpoint(url); }
 
 private:
+    void serveUntilEnd() {
+        const std::future<void> isEnd = m_end.get_future();
+        for (;;) {
+            m_server.startWCServer();
+            // Long enough that nobody can keep us busy with it.
+            if (isEnd.wait_for(1s) == std::future_status::ready) return;
+            printLine("the wall clock was told to quit; it is started again");
+        }
+    }
+
     /// Needs repetition: a stop that comes before the server has bound its port does nothing.
     void endServer() {
         m_server.stopWCServer();
@@ -98,6 +122,7 @@ private:
 
     std::string m_portText;
     ZenkCSSWCServer m_server;
+    std::promise<void> m_end;  // kept when the server shall not be started again
     std::future<void> m_ended;
     std::thread m_thread;
 };
@@ -167,8 +192,30 @@ void endOnSignals() {
     sigaction(SIGTERM, &action, nullptr);
 }
 
-int run(const Options& options) {
+std::vector<Service> servicesOf(const Options& options) {
+    std::vector<Service> services = builtInServices();
+    if (options.services.empty()) return services;
+    const std::vector<Service> more = readServices(options.services);
+    services.insert(services.end(), more.begin(), more.end());
+    return services;
+}
+
+/// Before the threads start: what the options say about the process as a whole.
+void setUpProcess(const Options& options) {
     endOnSignals();
+    // Where standard input is closed, the next file would take its place, and we would read our commands from that.
+    if (fcntl(STDIN_FILENO, F_GETFD) < 0) open("/dev/null", O_RDWR);
+    if (!options.config.empty()) setenv("VEL_CONFIG_FILE", options.config.c_str(), 1);
+    if (!options.log.empty()) takeLogAway(options.log);
+}
+
+std::int64_t nanoseconds(const timespec& time) {
+    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+int run(const Options& options) {
+    setUpProcess(options);
+    std::vector<Service> services = servicesOf(options);
     // Told here, since the library can only say that it failed.
     if (!isServable(SOCK_STREAM, "TCP", options.port) || !isServable(SOCK_DGRAM, "UDP", options.wcPort)) return 1;
     if (options.logControl) zenk_log_initialize(1);
@@ -184,7 +231,9 @@ int run(const Options& options) {
     // std::atomic_ref, as here.
     std::atomic_ref(server->m_port).store(options.port);
     std::atomic_ref(server->enablePairing).store(!options.noPairing);
-    CompanionServices companions(*server, clock);
+    const auto wallClockNs = [&clock] { return nanoseconds(clock.GetWallClockTime()); };
+    Television television(std::move(services), wallClockNs);
+    CompanionServices companions(*server, television, wallClockNs);
     ClockService clockService(options.wcPort);
     Endpoints urls = askForEndpoints(*server, companions, clockService);
     completeWithLoopback(urls, options);
@@ -194,7 +243,11 @@ int run(const Options& options) {
     WebSocketService webSockets(options.port, *server);
     clockService.start(!options.noSync);
     printEndpoints(urls);
-    if (webSockets.waitUntilServing()) printLine("ready");
+    std::optional<CommandLines> commands;
+    if (webSockets.waitUntilServing()) {
+        printLine("ready");
+        commands.emplace([&television](std::string_view command) { return television.execute(command); });
+    }
     if (webSockets.wait() == 0) return 0;
     std::fprintf(stderr, "zenk_receiver: cannot serve TCP port %d\n", options.port);
     return 1;
@@ -214,6 +267,10 @@ int main(int argc, char** argv) try {
     app.add_flag("--no-pairing", options.noPairing, "App2App clients meet, but exchange nothing");
     app.add_flag("--no-sync", options.noSync, "refuse CSS clients and leave the wall clock idle");
     app.add_flag("--log-control", options.logControl, "let zenk_logctl change the log while we run");
+    app.add_option("--services", options.services, "JSON file with more services for the television");
+    app.add_option("--config", options.config, "configuration file, in place of /etc/vel_config.ini")
+        ->check(CLI::ExistingFile);
+    app.add_option("--log", options.log, "file that gets the library's log, in place of standard output");
     CLI11_PARSE(app, argc, argv);
     return run(options);
 } catch (const std::exception& error) {

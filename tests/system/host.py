@@ -55,9 +55,9 @@ def connect(url, **options):
 class Program:
     """A running program. Its output is read all the time, so it never waits for us. Use with `with`."""
 
-    def __init__(self, *command, environment=None, **options):
+    def __init__(self, *command, environment=None, stdin=subprocess.DEVNULL, **options):
         self.process = subprocess.Popen([str(word) for word in command], env={**os.environ, **(environment or {})},
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                         text=True, errors="replace", **options)
         self.pid = self.process.pid
         self._lines = queue.Queue()
@@ -82,6 +82,8 @@ class Program:
         self.exit_code()
         for reader in self._readers:
             reader.join()
+        if self.process.stdin:
+            self.process.stdin.close()
         self.process.stdout.close()
         self.process.stderr.close()
 
@@ -94,6 +96,11 @@ class Program:
                     return line
             self._lines.put(None)
         return None
+
+    def say(self, line):
+        """One line to its standard input, which must be a pipe."""
+        self.process.stdin.write(line + "\n")
+        self.process.stdin.flush()
 
     def exit_code(self, patience=PATIENCE):
         """-N when signal N ended it. Raises at the deadline."""

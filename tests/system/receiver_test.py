@@ -101,7 +101,7 @@ class Receiver(unittest.IsolatedAsyncioTestCase):
                         for message in ["h\u00e9llo", *("x" * size for size in SIZES), *(bytes(size) for size in SIZES)]:
                             await exchange(tv, phone, message)
                         await client.send(b"a\0b")
-                    self.assertEqual([host.line("event") for _ in range(3)], [
+                    self.assertEqual([" ".join(host.line("event").split()[:6]) for _ in range(3)], [
                         f"event {event + kind} client 1 bytes {size}" for kind, size in [(0, 0), (1, 3), (2, 0)]])
                     async with connect(host.at(name)):
                         pass
