@@ -26,8 +26,12 @@
 
 #include "examples/command_lines.h"
 #include "examples/companion_services.h"
+#include "examples/discovery.h"
 #include "examples/local_port.h"
+#include "examples/page.h"
+#include "examples/page_server.h"
 #include "examples/print_line.h"
+#include "examples/qr_code.h"
 #include "examples/services.h"
 #include "examples/television.h"
 #include "log/zenk_log.h"
@@ -49,6 +53,8 @@ struct Options {
     std::string services;  // the names of files; empty for none
     std::string config;
     std::string log;
+    int pagePort = 0;  // 0: no page
+    bool discovery = false;
 };
 
 /// Lends the WebSocket server a thread. `server` and its observers must outlive this object.
@@ -176,6 +182,49 @@ void printEndpoints(const Endpoints& urls) {
     printLine("css-wc " + urls.cssWc);
 }
 
+/// What is served over HTTP, and how a companion finds it, as far as the options ask for it. `companions` must outlive
+/// this object.
+class WebServices {
+public:
+    WebServices(const Options& options, const Endpoints& urls, Television& television) {
+        if (options.pagePort == 0) return;
+        const std::size_t begin = urls.app2appRemote.find("//") + 2;
+        const std::string address = urls.app2appRemote.substr(begin, urls.app2appRemote.find(':', begin) - begin);
+        m_url = "http://" + address + ":" + std::to_string(options.pagePort) + "/";
+        std::map<std::string, Resource> documents;
+        if (options.discovery) documents = Discovery::documents(m_url, urls.app2appRemote, urls.cssCii);
+        documents["/"] = {"text/html; charset=utf-8", kPage};
+        documents["/endpoints"] = {"application/json", asJson(urls)};
+        m_page.emplace(
+            options.pagePort, std::move(documents),
+            [&television](std::string_view command) { return television.execute(command); },
+            [&television] { return television.status(); });
+        if (options.discovery) m_discovery.emplace(address, m_url);
+    }
+
+    /// Call when everything else is served.
+    void start() {
+        if (!m_page) return;
+        m_page->start();
+        printLine("page " + m_url);
+        if (isOnTerminal()) printLine(qrCode(m_url));
+    }
+
+private:
+    static std::string asJson(const Endpoints& urls) {
+        return nlohmann::json{{"app2appLocal", urls.app2appLocal},
+                              {"app2appRemote", urls.app2appRemote},
+                              {"cssCii", urls.cssCii},
+                              {"cssTs", urls.cssTs},
+                              {"cssWc", urls.cssWc}}
+            .dump();
+    }
+
+    std::string m_url;
+    std::optional<PageServer> m_page;
+    std::optional<Discovery> m_discovery;
+};
+
 bool isServable(int type, const char* protocol, int port) {
     const std::error_code error = whyNotServable(type, port);
     if (!error) return true;
@@ -218,6 +267,7 @@ int run(const Options& options) {
     std::vector<Service> services = servicesOf(options);
     // Told here, since the library can only say that it failed.
     if (!isServable(SOCK_STREAM, "TCP", options.port) || !isServable(SOCK_DGRAM, "UDP", options.wcPort)) return 1;
+    if (options.pagePort != 0 && !isServable(SOCK_STREAM, "TCP", options.pagePort)) return 1;
     if (options.logControl) zenk_log_initialize(1);
 
     // The host owns all of these, and the library uses them until the services below have ended: they must go in the
@@ -239,12 +289,15 @@ int run(const Options& options) {
     completeWithLoopback(urls, options);
     if (!options.noSync) companions.enable(urls.cssTs, urls.cssWc);
 
+    WebServices web(options, urls, television);
+
     // From here on clients may come. One process can serve once.
     WebSocketService webSockets(options.port, *server);
     clockService.start(!options.noSync);
     printEndpoints(urls);
     std::optional<CommandLines> commands;
     if (webSockets.waitUntilServing()) {
+        web.start();
         printLine("ready");
         commands.emplace([&television](std::string_view command) { return television.execute(command); });
     }
@@ -271,6 +324,10 @@ int main(int argc, char** argv) try {
     app.add_option("--config", options.config, "configuration file, in place of /etc/vel_config.ini")
         ->check(CLI::ExistingFile);
     app.add_option("--log", options.log, "file that gets the library's log, in place of standard output");
+    auto* const pagePort =
+        app.add_option("--page-port", options.pagePort, "TCP port of the page for browsers; none if not given")
+            ->check(CLI::Range(1, 65535));
+    app.add_flag("--discovery", options.discovery, "let companions find this host (DIAL)")->needs(pagePort);
     CLI11_PARSE(app, argc, argv);
     return run(options);
 } catch (const std::exception& error) {

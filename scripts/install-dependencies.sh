@@ -9,10 +9,11 @@
 set -eu
 
 BUILD="g++ cmake ninja-build pkg-config
-    libwebsockets-dev libev-dev libssl-dev libinih-dev libcli11-dev nlohmann-json3-dev"
+    libwebsockets-dev libev-dev libssl-dev libinih-dev libcli11-dev nlohmann-json3-dev
+    libcpp-httplib-dev libqrencode-dev"
 # libwebsockets loads this plug-in at run time; no linker would miss it.
 BUILD="$BUILD libwebsockets-evlib-ev"
-# The last line is of tests that are skipped without: demo page, reference, binary interface.
+# The last line is of tests that are skipped without: the page, reference, binary interface.
 TEST="libgtest-dev python3 python3-websockets iproute2
     chromium doxygen abigail-tools"
 BENCH="libbenchmark-dev libboost-dev python3"

@@ -15,7 +15,8 @@ root=$(cd "$2" && pwd)
 ln -sfn usr/lib "$root/lib"
 
 wanted=
-for package in libwebsockets-dev libwebsockets-evlib-ev libev-dev libssl-dev libinih-dev libgtest-dev libboost-dev; do
+for package in libwebsockets-dev libwebsockets-evlib-ev libev-dev libssl-dev libinih-dev libcpp-httplib-dev \
+    libqrencode-dev libgtest-dev libboost-dev; do
     wanted="$wanted $package:$arch"
 done
 # apt-get knows what these need in turn; the header-only ones serve all architectures and may be installed already.
