@@ -4,6 +4,7 @@
 #   test   what the tests need too
 #   bench  what the benchmarks and their peers need too
 #   check  what every check needs too: second compiler, fuzzers, formats, coverage
+#   interop  what the companions of another library need too
 #   all    everything
 # Does nothing when all is there.
 set -eu
@@ -19,6 +20,11 @@ TEST="libgtest-dev python3 python3-websockets iproute2
 BENCH="libbenchmark-dev libboost-dev python3"
 CHECK="clang libclang-rt-14-dev clang-format clang-tidy shellcheck gcovr cloc git"
 
+# Node may come from elsewhere, with its own npm, which Debian's packages would not stand beside.
+interop_packages() {
+    command -v npm >/dev/null || echo "nodejs npm"
+}
+
 # packages_of GROUP...
 packages_of() {
     echo "$BUILD"
@@ -28,9 +34,10 @@ packages_of() {
         test) echo "$TEST" ;;
         bench) echo "$BENCH" ;;
         check) echo "$CHECK" ;;
-        all) echo "$TEST $BENCH $CHECK" ;;
+        interop) interop_packages ;;
+        all) echo "$TEST $BENCH $CHECK" "$(interop_packages)" ;;
         *)
-            sed -n '2,8s/^# *//p' "$0" >&2
+            sed -n '2,9s/^# *//p' "$0" >&2
             return 2
             ;;
         esac
