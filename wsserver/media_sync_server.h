@@ -107,7 +107,8 @@ protected:
 /// startWebSocketServer() runs or an operation of an observer is under way.
 class ZENK_API MediaSyncServer : public Client {
 public:
-    /// Makes this object the instance of the process and draws new random tokens. Prefer getInstance().
+    /// Makes this object the instance of the process and draws new random tokens. Prefer getInstance(), which throws
+    /// nothing. @throw std::bad_alloc
     MediaSyncServer();
 
     /// Refuses what an observer refuses: the first one with status 1 gives 403, with status 2 gives 503. App2App URIs

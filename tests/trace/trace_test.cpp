@@ -9,8 +9,8 @@
 #include <sstream>
 
 #include "log/zenk_log.h"
-#include "tests/support/css_host.h"
 #include "tests/support/captured_output.h"
+#include "tests/support/css_host.h"
 #include "tests/support/css_kinds.h"
 #include "tests/support/outside.h"
 #include "tests/support/wall_clock_client.h"
