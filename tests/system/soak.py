@@ -24,6 +24,7 @@ import websockets
 
 from host import Host, connect, wait_until
 
+TS_SETUP = b'{"contentIdStem":"","timelineSelector":"urn:dvb:css:timeline:pts"}'  # each is answered
 PATIENCE = 60  # seconds; only a server that is stuck takes as long
 CUT_UNFINISHED = 3.5, 20  # an unfinished handshake ends after about 5 s, later only on a machine that is very busy
 CUT_VANISHED = 55, 110  # a peer that does not answer pings ends after 75 s
@@ -206,7 +207,7 @@ class Actors(Watched):
         with contextlib.suppress(asyncio.TimeoutError, ConnectionError):
             async with raw(self.port, "/css-ts/", 4096) as (_, writer):
                 for _ in range(100):
-                    writer.write(frame(b"{}") * 100)
+                    writer.write(frame(TS_SETUP) * 100)
                     await asyncio.wait_for(writer.drain(), 5)
         await asyncio.sleep(random.uniform(2, 6))
 
