@@ -10,9 +10,9 @@
 
 namespace {
 
-constexpr std::size_t kMaxCommandBytes = 64 * 1024;
+constexpr std::size_t kMaxCommandBytes = std::size_t{64} * 1024;
 // A body that is too long is read to its end, so that its sender gets to read the answer; up to here.
-constexpr std::size_t kMaxIgnoredBytes = 16 * 1024 * 1024;
+constexpr std::size_t kMaxIgnoredBytes = std::size_t{16} * 1024 * 1024;
 // Each open connection holds one; browsers open some ahead and leave them silent.
 constexpr std::size_t kThreads = 16;
 constexpr std::chrono::seconds kPatience{2};
