@@ -170,6 +170,7 @@ TEST_F(Log, KeepsLinesWholeAndLevelsRightWhileTheTableChanges) {
 }
 
 TEST_F(Log, LetsAProcessForkThatWaitsForTheReaderOfItsOutput) {
+    if (zenk_test::kIsSanitized) GTEST_SKIP() << "the thread sanitizer flushes at _exit, and waits for the reader";
     const auto hostWithAFullPipe = [] {
         alarm(20);  // ends it where the fork hangs
         int ends[2];
