@@ -41,7 +41,6 @@ void operator delete(void* block, std::size_t) noexcept {
 
 extern "C" {
 void* __real_mmap(void* where, std::size_t bytes, int access, int flags, int fd, off_t offset);
-void* __wrap_mmap(void* where, std::size_t bytes, int access, int flags, int fd, off_t offset);
 void* __wrap_mmap(void* where, std::size_t bytes, int access, int flags, int fd, off_t offset) {
     return isToFail() ? MAP_FAILED : __real_mmap(where, bytes, access, flags, fd, offset);
 }

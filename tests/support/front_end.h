@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tests/support/recording_websockets.h"
 #include "wsserver/media_sync_server.h"
@@ -13,37 +15,41 @@ namespace zenk_test {
 /// A MediaSyncServer whose connections the test opens, feeds and closes by hand.
 class FrontEnd : public testing::Test {
 protected:
-    FrontEnd() { resetLayer(); }
+    using Text = std::optional<std::string>;
 
-    int filter(lws* wsi) {
-        server.m_wsi = wsi;
-        return server.onFilterConnection();
+    FrontEnd() { takeActions(); }  // an earlier test's
+
+    lws* open(int socketFd, Text path, Text query = {}) {
+        return &m_connections.emplace_back(lws{socketFd, std::move(path), std::move(query)});
     }
-    void establish(lws* wsi) {
-        server.m_wsi = wsi;
-        server.onConnect();
-    }
-    lws* connect(const std::string& path, std::optional<std::string> query = std::nullopt) {
-        lws* const wsi = openConnection(m_nextSocket++, path, std::move(query));
+    int filter(lws* wsi) { return serverOn(wsi).onFilterConnection(); }
+    void establish(lws* wsi) { serverOn(wsi).onConnect(); }
+    lws* connect(const std::string& path, Text query = {}) {
+        lws* const wsi = open(m_nextSocket++, path, std::move(query));
         EXPECT_EQ(filter(wsi), 0);
         establish(wsi);
         return wsi;
     }
     void message(lws* wsi, std::string text, bool binary = false) {
-        server.m_wsi = wsi;
-        server.onMessage(reinterpret_cast<unsigned char*>(text.data()), static_cast<int>(text.size()), binary);
+        serverOn(wsi).onMessage(reinterpret_cast<unsigned char*>(text.data()), static_cast<int>(text.size()), binary);
     }
     int close(lws* wsi) {
-        server.m_wsi = wsi;
-        const int result = server.onClose();
-        markClosed(wsi);
+        const int result = serverOn(wsi).onClose();
+        wsi->isOpen = false;
         return result;
     }
 
-    MediaSyncServer server;
-
 private:
+    MediaSyncServer& serverOn(lws* wsi) {
+        server.m_wsi = wsi;
+        return server;
+    }
+
+    std::deque<lws> m_connections;
     int m_nextSocket = 5;
+
+protected:
+    MediaSyncServer server;
 };
 
 }  // namespace zenk_test

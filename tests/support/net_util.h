@@ -1,7 +1,12 @@
 #pragma once
 
+#include <arpa/inet.h>
+
 #include <chrono>
-#include <functional>
+#include <random>
+#include <thread>
+
+#include "wsserver/socket.h"
 
 /// Small helpers of the tests that talk over real sockets, all of them on 127.0.0.1.
 namespace zenk_test {
@@ -11,36 +16,31 @@ using Milliseconds = std::chrono::milliseconds;
 /// Long enough for a loaded two-core machine under a sanitizer; a test that passes never waits for it.
 inline constexpr Milliseconds kPatience{20000};
 
-/// @return a port that was free for TCP and UDP a moment ago. It lies below the range from which the system takes the
-/// ports of outgoing connections, so that none of those can grab it in between. Throws when there is none.
-int freePort();
-
 /// Calls `predicate` until it holds. @return false when it did not within `patience`
-bool waitUntil(const std::function<bool()>& predicate, Milliseconds patience = kPatience);
+template <typename Predicate>
+bool waitUntil(const Predicate& predicate, Milliseconds patience = kPatience) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(Milliseconds(1));
+    }
+    return true;
+}
 
-/// An open socket, closed at the end of its life.
-class Socket {
-public:
-    explicit Socket(int fd = -1) : m_fd(fd) {}
-    ~Socket();
-    Socket(Socket&& other) noexcept;
-    Socket& operator=(Socket&& other) noexcept;
+/// connect() or bind() with that port. @return whether it went well
+inline bool attach(decltype(::connect)* how, const zenk::Socket& socket, int port) {
+    const sockaddr_in address{AF_INET, htons(static_cast<in_port_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
+    return how(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
 
-    int fd() const { return m_fd; }
-    bool isOpen() const { return m_fd >= 0; }
-    void close();
-
-private:
-    int m_fd;
-};
-
-/// @return a connected TCP socket, or a closed one when nobody listens
-Socket connectTcp(int port);
-/// @return a UDP socket that sends to `port`; its receives end after kPatience
-Socket connectUdp(int port);
-
-/// @return a socket of `type` (SOCK_STREAM, SOCK_DGRAM) bound to all interfaces, a stream one listening; a closed one
-/// when the port is taken. Its receives end after kPatience.
-Socket bindPort(int port, int type);
+/// @return a port that was free for TCP and UDP a moment ago. It lies below the range from which the system takes the
+/// ports of outgoing connections, so that none of those can grab it in between.
+inline int freePort() {
+    const auto isFree = [](int port, int type) { return attach(::bind, zenk::Socket(type), port); };
+    for (std::random_device random;;) {
+        const int port = std::uniform_int_distribution(10'000, 32'000)(random);
+        if (isFree(port, SOCK_STREAM) && isFree(port, SOCK_DGRAM)) return port;
+    }
+}
 
 }  // namespace zenk_test

@@ -12,12 +12,8 @@
 extern "C" {
 
 std::FILE* __real_fopen(const char* path, const char* mode);
-std::FILE* __wrap_fopen(const char* path, const char* mode);
 int __real_socket(int family, int type, int protocol);
-int __wrap_socket(int family, int type, int protocol);
-int __wrap_ioctl(int fd, unsigned long request, ifreq* interface);
 ssize_t __real_recvmsg(int fd, msghdr* datagram, int flags);
-ssize_t __wrap_recvmsg(int fd, msghdr* datagram, int flags);
 
 std::FILE* __wrap_fopen(const char* path, const char* mode) {
     if (std::strcmp(path, "/proc/net/route") != 0) return __real_fopen(path, mode);
@@ -34,7 +30,6 @@ int __wrap_socket(int family, int type, int protocol) {
 
 int __wrap_ioctl(int /*fd*/, unsigned long request, ifreq* interface) {
     sockaddr_in address{};
-    outside::interface.assign(interface->ifr_name, strnlen(interface->ifr_name, sizeof interface->ifr_name));
     if (request != SIOCGIFADDR || interface->ifr_addr.sa_family != AF_INET) return -1;
     if (inet_pton(AF_INET, outside::address.c_str(), &address.sin_addr) != 1) return -1;
     std::memcpy(&interface->ifr_addr, &address, sizeof address);

@@ -11,8 +11,7 @@ inline std::atomic<bool> noSockets = false;             ///< socket() fails
 inline std::atomic<bool> receiveFails = false;          ///< recvmsg() fails
 inline std::atomic<int> receives = 0;                   ///< how often it was called
 inline auto& routes = *new std::optional<std::string>;  ///< the route table; none: it cannot be opened
-inline auto& address = *new std::string;    ///< of every interface; empty: there is none. Test's thread only
-inline auto& interface = *new std::string;  ///< whose address was asked for last. Test's thread only
+inline auto& address = *new std::string;  ///< of every interface; empty: there is none. Test's thread only
 
 /// A route table whose first interface is eth0.
 inline constexpr char kRoutes[] = "header\neth0\t0\t0\t3\t0\t0\t0\t0\t0\t0\t0\n";

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <netinet/tcp.h>
+#include <sys/time.h>
+
+#include <array>
+#include <cerrno>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -12,17 +17,44 @@ namespace zenk_test {
 /// First bytes of frames.
 inline constexpr std::uint8_t kFin = 0x80, kContinuation = 0x0, kText = 0x1, kBinary = 0x2, kClose = 0x8, kPing = 0x9,
                               kPong = 0xA;
-/// @{ One WebSocket frame with the shortest form of length: masked as a client sends it, unmasked as a server does.
-/// `firstByte` is FIN, reserved bits and opcode.
-std::string clientFrame(int firstByte, std::string_view payload);
-std::string serverFrame(int firstByte, std::string_view payload);
-/// @}
+
 /// `value` in so many bytes, the highest first.
-std::string bigEndian(std::uint64_t value, int bytes);
-std::uint64_t fromBigEndian(std::string_view bytes);
+inline std::string bigEndian(std::uint64_t value, int bytes) {
+    std::string text;
+    while (bytes-- > 0) text.push_back(static_cast<char>(value >> (8 * bytes)));
+    return text;
+}
+inline std::uint64_t fromBigEndian(std::string_view bytes) {
+    std::uint64_t value = 0;
+    for (const char byte : bytes) value = value << 8 | static_cast<unsigned char>(byte);
+    return value;
+}
+
+/// @{ One WebSocket frame with the shortest form of length: unmasked as a server sends it, masked as a client does.
+/// `firstByte` is FIN, reserved bits and opcode.
+inline std::string serverFrame(int firstByte, std::string_view payload) {
+    const std::size_t length = payload.size();
+    const std::size_t form = length < 126 ? length : length < 65536 ? 126 : 127;
+    const int lengthBytes = form < 126 ? 0 : form == 126 ? 2 : 8;
+    std::string head = bigEndian(static_cast<unsigned>(firstByte), 1) + bigEndian(form, 1);
+    return head.append(bigEndian(length, lengthBytes)).append(payload);
+}
+inline std::string clientFrame(int firstByte, std::string_view payload) {
+    const std::string mask = "\x11\x22\x33\x44";
+    std::string frame = serverFrame(firstByte, payload);
+    const std::size_t head = frame.size() - payload.size();
+    frame[1] = static_cast<char>(frame[1] | 0x80);
+    for (std::size_t i = 0; i < payload.size(); ++i) frame[head + i] = static_cast<char>(payload[i] ^ mask[i % 4]);
+    return frame.insert(head, mask);
+}
+/// @}
 
 /// The request of a WebSocket handshake for `target`, with its final empty line.
-std::string handshakeRequest(std::string_view target);
+inline std::string handshakeRequest(const std::string& target) {
+    return "GET " + target +
+           " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n";
+}
 
 /// One frame of a server.
 struct Frame {
@@ -31,51 +63,122 @@ struct Frame {
     bool operator==(const Frame&) const = default;
 };
 
-/// A TCP connection to 127.0.0.1 that speaks WebSocket, and whatever else a test wants to say. It does nothing by
-/// itself: no ping is answered, and no close frame.
+/// A connection to 127.0.0.1 that speaks WebSocket, and whatever else a test wants to say. It does nothing by itself:
+/// no ping is answered, and no close frame. `patience` is how long a call waits while nothing moves.
 class RawClient {
 public:
-    static constexpr int kNoCloseFrame = 1006;  ///< RFC 6455, 7.1.5
-
     /// @return false when nobody listens
-    bool connect(int port);
+    bool connect(int port, int type = SOCK_STREAM) {
+        m_received.clear();
+        m_socket.emplace(type);
+        set(IPPROTO_TCP, TCP_NODELAY, 1);  // what is sent in pieces must arrive in pieces, and at once
+        return attach(::connect, *m_socket, port);
+    }
     /// Connects, asks for a WebSocket on `target` and reads the answer. @return true for status 101
-    bool upgrade(int port, std::string_view target, Milliseconds patience = kPatience);
+    bool upgrade(int port, const std::string& target) {
+        return connect(port) && send(handshakeRequest(target)) &&
+               receiveUntil("\r\n\r\n").find(" 101 ") != std::string::npos;
+    }
 
     /// @return false when the peer does not take all bytes in time or has reset the connection
-    bool send(std::string_view bytes, Milliseconds patience = kPatience);
+    bool send(std::string_view bytes, Milliseconds patience = kPatience) {
+        setPatience(SO_SNDTIMEO, patience);
+        do {  // an empty datagram is one, too
+            const ssize_t sent = TEMP_FAILURE_RETRY(::send(m_socket->fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
+            if (sent < 0) return false;
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+        } while (!bytes.empty());
+        return true;
+    }
     bool sendText(std::string_view text, Milliseconds patience = kPatience) {
         return send(clientFrame(kFin | kText, text), patience);
     }
 
     /// @return what has arrived: up to the end of `until` if it comes, else what came until the peer ended or time was
     /// up. What is behind `until` stays for the next call.
-    std::string receiveUntil(std::string_view until, Milliseconds patience = kPatience);
+    std::string receiveUntil(std::string_view until) {
+        while (m_received.find(until) == std::string::npos && readSome(kPatience)) continue;
+        const std::size_t at = m_received.find(until);
+        return take(at == std::string::npos ? at : at + until.size());
+    }
     /// @return the next `count` bytes, or fewer when the peer ended or time was up
-    std::string receive(std::size_t count, Milliseconds patience = kPatience);
+    std::string receive(std::size_t count, Milliseconds patience = kPatience) {
+        fill(count, patience);
+        return take(count);
+    }
     /// @return the next frame; nothing when the peer ended, time was up, or the frame is masked
-    std::optional<Frame> receiveFrame(Milliseconds patience = kPatience);
+    std::optional<Frame> receiveFrame(Milliseconds patience = kPatience) {
+        if (!fill(2, patience)) return std::nullopt;
+        const auto form = static_cast<unsigned char>(m_received[1]);
+        const std::size_t head = form < 126 ? 2 : form == 126 ? 4 : 10;
+        if (form > 127 || !fill(head, patience)) return std::nullopt;
+        const std::size_t length = form < 126 ? form : fromBigEndian(std::string_view(m_received).substr(2, head - 2));
+        if (!fill(head + length, patience)) return std::nullopt;
+        const int first = static_cast<unsigned char>(take(head)[0]);
+        return Frame{first, take(length)};
+    }
     /// @return the payload of the next frame, or "" when that is no whole text message
-    std::string receiveText(Milliseconds patience = kPatience);
-    /// Drops frames up to a close frame. @return its status; kNoCloseFrame when there came none
-    int closeCode(Milliseconds patience = kPatience);
+    std::string receiveText(Milliseconds patience = kPatience) {
+        const std::optional<Frame> frame = receiveFrame(patience);
+        return frame && frame->first == (kFin | kText) ? frame->payload : "";
+    }
+    /// Drops frames up to a close frame. @return its status; 1006 when there came none
+    int closeCode(Milliseconds patience = kPatience) {
+        while (const auto frame = receiveFrame(patience)) {
+            if (frame->first == (kFin | kClose)) return static_cast<int>(fromBigEndian(frame->payload.substr(0, 2)));
+        }
+        return 1006;
+    }
     /// Reads and drops. @return true when the peer ended the connection in time, by FIN or reset
-    bool waitForEnd(Milliseconds patience = kPatience);
+    bool waitForEnd(Milliseconds patience = kPatience) {
+        while (readSome(patience)) m_received.clear();
+        return errno != EAGAIN;
+    }
 
-    void finishSending();  ///< FIN; receiving goes on
-    void close();          ///< plain close
-    void reset();          ///< RST
-    bool vanish();         ///< not a word on the wire; false where that takes more rights
+    /// FIN; receiving goes on
+    void finishSending() { shutdown(m_socket->fd(), SHUT_WR); }
+    void close() { m_socket->close(); }
+    /// RST
+    void reset() {
+        set(SOL_SOCKET, SO_LINGER, linger{1, 0});
+        close();
+    }
+    /// Not a word on the wire. @return false where that takes more rights
+    bool vanish() {
+        const bool isAllowed = set(IPPROTO_TCP, TCP_REPAIR, 1);
+        close();
+        return isAllowed;
+    }
 
 private:
-    using Deadline = std::chrono::steady_clock::time_point;
+    bool set(int level, int option, const auto& value) {
+        return setsockopt(m_socket->fd(), level, option, &value, sizeof value) == 0;
+    }
+    void setPatience(int option, Milliseconds patience) {
+        const auto microseconds = std::chrono::microseconds(patience).count();
+        set(SOL_SOCKET, option, timeval{microseconds / 1'000'000, microseconds % 1'000'000});
+    }
+    /// @return false at the end, with errno 0, or at a failure
+    bool readSome(Milliseconds patience) {
+        setPatience(SO_RCVTIMEO, patience);
+        std::array<char, 65536> buffer;
+        errno = 0;
+        const ssize_t count = TEMP_FAILURE_RETRY(recv(m_socket->fd(), buffer.data(), buffer.size(), 0));
+        if (count > 0) m_received.append(buffer.data(), static_cast<std::size_t>(count));
+        return count > 0;
+    }
+    bool fill(std::size_t count, Milliseconds patience) {
+        while (m_received.size() < count && readSome(patience)) continue;
+        return m_received.size() >= count;
+    }
+    std::string take(std::size_t count) {
+        const std::string taken = m_received.substr(0, count);
+        m_received.erase(0, taken.size());
+        return taken;
+    }
 
-    bool readSome(Deadline deadline);
-    bool fill(std::size_t count, Deadline deadline);
-
-    Socket m_socket;
+    std::optional<zenk::Socket> m_socket;
     std::string m_received;
-    bool m_hasEnded = false;
 };
 
 }  // namespace zenk_test

@@ -1,17 +1,22 @@
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/zenk_websockets.h"
 
-/// Another body of platform/zenk_websockets.h: it opens no sockets, records what the server does and plays what the
-/// test says. Its connections are addresses that only it understands.
+/// A connection of the layer's stand-in: another body of platform/zenk_websockets.h, which opens no sockets and notes
+/// what the library does to connections. Tests make them by hand, and nobody may reach one that is not open any more.
+struct lws {
+    int socketFd;
+    std::optional<std::string> path = {}, query = {};
+    bool isOpen = true, isFinal = true, isBinary = false;
+};
+
 namespace zenk_test {
 
-/// Plays one thing that happens on a connection, or records one thing that the server did to it.
+/// What the library did to a connection.
 struct Action {
     enum Kind { kWrite, kClose, kReception } kind;
     lws* wsi;
@@ -20,20 +25,7 @@ struct Action {
     bool operator==(const Action&) const = default;
 };
 
-/// @{ Connections. A closed one stays known, so that a write to it is found out; its address is not used again.
-lws* openConnection(int socketFd, std::optional<std::string> path, std::optional<std::string> query = std::nullopt);
-void markClosed(lws* wsi);
-void setFragment(lws* wsi, bool isFinal, bool isBinary);
-/// @}
-
-std::vector<Action> takeActions();           ///< what was done since the last call, in order
-std::vector<std::string> takeLayerTrace();   ///< calls around the service loop and lines of _lws_log, in order
-int misdirectedActions();                    ///< writes and closes for connections that were closed already
-void setWriteResult(std::optional<int> n);   ///< what lws_write answers; by default the length
-void setRecording(bool isOn);                ///< off: writes leave no trace and allocate nothing
-void setListening(bool succeeds);            ///< whether lws_create_context gives a context
-void setService(std::function<int()> body);  ///< runs inside each lws_service; its result is that call's
-const zenk_ws::lws_context_creation_info& lastCreationInfo();
-void resetLayer();
-
+std::vector<Action> takeActions();        ///< since the last call, in order
+inline std::optional<int> g_writeResult;  ///< what lws_write answers; by default the length
+inline zenk_ws::EventCallback g_raise;    ///< of the last context that was created
 }  // namespace zenk_test

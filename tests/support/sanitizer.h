@@ -10,12 +10,6 @@ namespace zenk_test {
 /// Under a sanitizer memory figures say nothing of the library, and everything takes longer.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool kIsSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-inline constexpr bool kIsSanitized = true;
-#else
-inline constexpr bool kIsSanitized = false;
-#endif
 #else
 inline constexpr bool kIsSanitized = false;
 #endif

@@ -2,9 +2,11 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,49 +21,77 @@ namespace zenk_test {
 /// host: it hears of all connections outside pairing. Members of CSS servers end before it.
 class Server : public ClientObserver {
 public:
-    explicit Server(int servedPort = freePort());
+    explicit Server(int servedPort = freePort()) : port(servedPort) {
+        frontEnd.enablePairing = true;
+        frontEnd.addObserver(this);
+        m_thread = std::thread([this] { startWebSocketServer(port, &frontEnd); });
+        if (!waitUntil([this] { return RawClient().connect(port); })) throw std::runtime_error("nobody listens");
+    }
     ~Server() override { stop(); }
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
 
-    void stop();  ///< cancels the service thread, and waits for its end
+    /// Cancels the service thread, and waits for its end.
+    void stop() {
+        if (!m_thread.joinable()) return;
+        pthread_cancel(thread());
+        m_thread.join();
+    }
     pthread_t thread() { return m_thread.native_handle(); }
-    bool hasEnded() const { return m_hasEnded; }
 
-    MediaSyncServer& frontEnd() { return m_frontEnd; }
     /// The connection with this number, waited for; null once it has closed. For calls of the layer.
-    lws* connection(int number);
+    lws* connection(int number) {
+        waitUntil([&] { return opened() >= number; });
+        const std::lock_guard lock(m_mutex);
+        return m_connections.at(static_cast<std::size_t>(number) - 1);
+    }
     /// Waits until the connection has come and gone.
-    bool isGone(int number, Milliseconds patience = kPatience);
-    int opened();
-    int closed() const { return m_closed; }
-    /// Close events of connections that were none, and short messages without a zero behind them: there should be none.
-    int faults() const { return m_faults; }
+    bool isGone(int number, Milliseconds patience = kPatience) {
+        return waitUntil([&] { return connection(number) == nullptr; }, patience);
+    }
+    int opened() {
+        const std::lock_guard lock(m_mutex);
+        return static_cast<int>(m_connections.size());
+    }
 
-    /// Called on the service thread with each message of a client outside pairing. To be set before they come.
-    std::function<void(int client, const std::string& message)> onText;
-    /// What the filter answers to every handshake, if it is not 0.
-    std::atomic<int> refusal = 0;
-    const int port;
-
-private:
     struct FrontEnd : MediaSyncServer {
         explicit FrontEnd(Server& server) : m_test(server) {}
         int onFilterConnection() override {
             return m_test.refusal != 0 ? m_test.refusal.load() : MediaSyncServer::onFilterConnection();
         }
-        void onConnect() override;
-        int onClose() override;
+        void onConnect() override {
+            const std::lock_guard lock(m_test.m_mutex);
+            m_test.m_connections.push_back(m_wsi);
+            MediaSyncServer::onConnect();
+        }
+        int onClose() override {
+            const std::lock_guard lock(m_test.m_mutex);
+            ++m_test.closed;
+            if (std::ranges::count(m_test.m_connections, m_wsi) != 1) ++m_test.faults;
+            std::ranges::replace(m_test.m_connections, m_wsi, static_cast<lws*>(nullptr));
+            return MediaSyncServer::onClose();
+        }
+        void onMessage(unsigned char* message, int length, bool binary) override {
+            if (length < static_cast<int>(kMaxMessageBytes) && message[length] != 0) ++m_test.faults;
+            MediaSyncServer::onMessage(message, length, binary);
+        }
         Server& m_test;
-    };
+    } frontEnd{*this};
 
-    void onMessage(unsigned char* message, int length, int client) override;
+    /// Called on the service thread with each message of a client outside pairing. To be set before they come.
+    std::function<void(int client, const std::string& message)> onText = [](int, const std::string&) {};
+    /// What the filter answers to every handshake, if it is not 0.
+    std::atomic<int> refusal = 0;
+    std::atomic<int> closed = 0;
+    /// Close events of connections that were none, and short messages without a zero behind them: there should be none.
+    std::atomic<int> faults = 0;
+    const int port;
 
-    FrontEnd m_frontEnd{*this};
+private:
+    void onMessage(unsigned char* message, int length, int client) override {
+        onText(client, {reinterpret_cast<char*>(message), static_cast<std::size_t>(length)});
+    }
+
     std::mutex m_mutex;
     std::vector<lws*> m_connections;  // guarded by m_mutex; null: it has closed
-    std::atomic<int> m_closed = 0, m_faults = 0;
-    std::atomic<bool> m_hasEnded = false;
     std::thread m_thread;
 };
 

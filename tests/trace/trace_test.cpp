@@ -9,11 +9,10 @@
 #include <sstream>
 
 #include "log/zenk_log.h"
-#include "tests/support/captured_output.h"
 #include "tests/support/css_host.h"
 #include "tests/support/css_kinds.h"
 #include "tests/support/outside.h"
-#include "tests/support/wall_clock_client.h"
+#include "tests/support/raw_client.h"
 
 namespace zenk_test {
 namespace {
@@ -52,11 +51,11 @@ class Trace : public FrontEnd {
 protected:
     void registryAndPairing() {
         MediaSyncServer::getInstance();
-        for (observer.status = 1; observer.status < 3; ++observer.status) filter(openConnection(4, "/x"));
+        for (observer.status = 1; observer.status < 3; ++observer.status) filter(open(4, "/x"));
         observer.status = 0;
         lws *const local = connect("/local/hbbtv/t/n"), *const remote = connect("/remote/hbbtv/u/n");
         for (const char* path : {"/remote/hbbtv/t/m", "/local/hbbtv/u/m"}) connect(path);
-        lws *const other = connect("/x", "y"), *const unknown = openConnection(99, "/y");
+        lws *const other = connect("/x", "y"), *const unknown = open(99, "/y");
         server.handlePairingConnection("/local/hbbtv/t/socket-0", 0, unknown);
         for (lws* wsi : {local, other, unknown}) message(wsi, "text");
         server.enablePairing = false;
@@ -150,14 +149,16 @@ protected:
     void clock() {
         const int number = freePort();
         std::string port = std::to_string(number);
-        WallClockClient client(number);
+        RawClient client;
+        client.connect(number, SOCK_DGRAM);
         ZenkCSSEventDispatcher dispatcher;
         ZenkCSSWCServer unnumbered, clock(port);
         std::atomic_ref(clock.m_enableInterDevSync).store(1);
         unnumbered.startWCServer();
         unnumbered.stopWCServer();
         testing::internal::CaptureStderr();
-        Socket blocker = bindPort(number, SOCK_DGRAM);
+        zenk::Socket blocker(SOCK_DGRAM);
+        EXPECT_TRUE(attach(bind, blocker, number));
         clock.startWCServer();
         blocker.close();
         outside::receiveFails = true;
@@ -170,8 +171,7 @@ protected:
             outside::noSockets = false;
             outside::receives = 0;
             std::thread thread([&] { clock.startWCServer(); });
-            WallClockClient::Reply reply;
-            EXPECT_TRUE(waitUntil([&] { return client.send("question"), client.receive(reply); }));
+            EXPECT_TRUE(waitUntil([&] { return client.send("question") && !client.receive(32).empty(); }));
             EXPECT_TRUE(waitUntil([] { return outside::receives == 2; })) << "it waits for the next one";
             outside::noSockets = end == "stop without a socket";
             end == "quitwc" ? clock.startWCServer() : clock.stopWCServer();
@@ -187,7 +187,7 @@ protected:
 TEST_F(Trace, IsAsRecorded) {
     std::string seen;
     {
-        CapturedOutput output;
+        testing::internal::CaptureStdout();
         insert_modules_list("PLUGIN", 1);
         server.addObserver(&observer);
         server.enablePairing = true;
@@ -199,7 +199,7 @@ TEST_F(Trace, IsAsRecorded) {
         dispatcher();
         clock();
         clear_modules_list();
-        seen = record(output.take());
+        seen = record(testing::internal::GetCapturedStdout());
     }
     std::ifstream file(ZENK_GOLDEN_TRACE);
     const std::string golden{std::istreambuf_iterator<char>(file), {}}, kept = testing::TempDir() + "trace.seen";

@@ -1,18 +1,54 @@
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 
 #include "platform/vel_config.h"
-#include "tests/support/config_file.h"
 #include "tests/support/css_host.h"
 #include "tests/support/css_kinds.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/sanitizer.h"
 
 namespace {
+
+using zenk_test::Action;
+using zenk_test::Door;
+using zenk_test::Event;
+using zenk_test::Host;
+
+void configure(const std::string& text) {
+    static const int file = memfd_create("vel_config", MFD_CLOEXEC);
+    EXPECT_EQ(ftruncate(file, 0), 0);
+    EXPECT_EQ(pwrite(file, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    setenv("VEL_CONFIG_FILE", ("/proc/self/fd/" + std::to_string(file)).c_str(), 1);
+}
+
+/// Clients by their ids, which are the numbers of their sockets, too.
+class Clients : public zenk_test::FrontEnd {
+protected:
+    int newClient(const std::string& uri) {
+        m_clients.push_back(open(static_cast<int>(m_clients.size()) + 1, uri));
+        establish(m_clients.back());
+        return m_clients.back()->socketFd;
+    }
+    lws* client(int id) { return m_clients.at(static_cast<std::size_t>(id) - 1); }
+
+    /// The clients that were asked to close since the last call, in that order.
+    static std::vector<int> takeClosed() {
+        std::vector<int> ids;
+        for (const Action& action : zenk_test::takeActions())
+            if (action.kind == Action::kClose) ids.push_back(action.wsi->socketFd);
+        return ids;
+    }
+
+private:
+    std::vector<lws*> m_clients;
+};
 
 template <typename Kind>
 class CssServer : public Clients {
@@ -24,7 +60,7 @@ protected:
 
     /// Builds the server as a host does. @return what that printed
     std::string build(const std::string& configuration) {
-        const zenk_test::ConfigFile file(configuration);
+        configure(configuration);
         css.reset();
         testing::internal::CaptureStdout();
         css = std::make_unique<typename Kind::Server>();
@@ -170,21 +206,19 @@ TEST(Constructors, ComeUpWithoutMemory) {
 using CssServers = Clients;
 
 TEST_F(CssServers, ShareAClientButNotTheirCountsAndSweepOneWhoseHandshakeIsUnderWay) {
-    const zenk_test::ConfigFile file("[HbbTV]\nMSMaxClientNum=1\n");
+    configure("[HbbTV]\nMSMaxClientNum=1\n");
     ZenkCSSCIIServer cii;
     ZenkCSSTSServer ts;
     ts.setEnableInterDevSync(false);  // before addObserver(): nobody to close
     server.addObserver(&cii);
     cii.setEnableInterDevSync(true);
-    lws *const swept = zenk_test::openConnection(7, "/css-cii"), *const app =
-                                                                     zenk_test::openConnection(8, "/local/hbbtv/");
+    lws *const swept = open(7, "/css-cii"), *const app = open(8, "/local/hbbtv/");
     for (lws* wsi : {swept, app}) {
         EXPECT_EQ(filter(wsi), 0);
         cii.setEnableInterDevSync(false);
         establish(wsi);
         cii.setEnableInterDevSync(true);
     }
-    using zenk_test::Action;
     EXPECT_EQ(zenk_test::takeActions(), (std::vector<Action>(2, {Action::kClose, swept, 1001, ""})))
         << "by both sweeps";
     close(swept);

@@ -36,6 +36,13 @@ struct Listener : ClientObserver {
 
 class Front : public zenk_test::FrontEnd {
 protected:
+    lws* open(int fd, const std::string& uri) {
+        Text path = uri.substr(0, uri.find('?')), query;
+        if (path->size() < uri.size()) query = uri.substr(path->size() + 1);
+        if (path->empty()) path.reset();
+        return FrontEnd::open(fd, path, query);
+    }
+
     Listener first, second;
 };
 
@@ -89,7 +96,6 @@ TEST_F(Front, RemovalWaitsForARunningCall) {
 }
 
 TEST_F(Front, HostThreadsNeverReachAClosedConnection) {
-    zenk_test::setRecording(false);
     server.addObserver(&first);
     const std::string path = "/css-cii/some/path/of/a/certain/length";
     std::atomic<bool> isOver = false;
@@ -105,15 +111,15 @@ TEST_F(Front, HostThreadsNeverReachAClosedConnection) {
         }
     };
     std::future<void> hosts[] = {std::async(std::launch::async, host, 0), std::async(std::launch::async, host, 1)};
-    std::list<lws*> open;
+    std::list<lws*> connections;
     for (int i = 0; i < 300; ++i) {
-        open.push_back(connect(path));
-        message(open.back(), "m");
-        if (i % 3 == 0) close(open.front()), open.pop_front();
+        connections.push_back(connect(path));
+        message(connections.back(), "m");
+        if (i % 3 == 0) close(connections.front()), connections.pop_front();
+        takeActions();  // or they fill the memory
     }
     isOver = true;
     for (auto& each : hosts) each.wait();
-    EXPECT_EQ(zenk_test::misdirectedActions(), 0);
 }
 
 /// The rules of pairing as plain walks over a list.
@@ -160,13 +166,6 @@ struct Model {
 const std::string kRests[] = {"token/a", "other/a", "a", "t/", "", "/hbbtv/a", "a?b=c/a", "t/a?", "t/A"};
 const std::string kEndpoints[] = {"/a", "/a", "a", "/", "", "/hbbtv/a", "/a", "/a?", "/A"};
 const std::string kOtherUris[] = {"/local/hbbtv", "/css-cii/x", "?/local/hbbtv/t/a", "/Remote/hbbtv/t/a?x=1", ""};
-
-lws* open(int fd, const std::string& uri) {
-    std::optional<std::string> path = uri.substr(0, uri.find('?')), query;
-    if (path->size() < uri.size()) query = uri.substr(path->size() + 1);
-    if (path->empty()) path.reset();
-    return zenk_test::openConnection(fd, path, query);
-}
 
 // Connections come, speak and go, the host speaks, closes and changes its mind. Sockets are few and used again.
 TEST_F(Front, FollowsItsModelInRandomSequences) {
@@ -229,7 +228,6 @@ TEST_F(Front, FollowsItsModelInRandomSequences) {
         ASSERT_EQ(takeActions(), std::exchange(model.actions, {})) << "step " << step;
         ASSERT_EQ(first.take(), expected) << "step " << step;
         ASSERT_EQ(second.take(), std::exchange(expected, {}));
-        ASSERT_EQ(zenk_test::misdirectedActions(), 0);
         for (const Peer& peer : peers) ASSERT_EQ(first.getUrl(peer.id), peer.uri);
     }
 }

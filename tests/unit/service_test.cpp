@@ -30,16 +30,15 @@ struct RecordingClient : Client {
 class Service : public testing::Test {
 protected:
     Service() {
-        zenk_test::resetLayer();
+        zenk_test::takeActions();  // an earlier test's
         EXPECT_EQ(startWebSocketServer(7681, &client), 0);
-        wsi = zenk_test::openConnection(7, "/");
     }
     int raise(int reason, const void* in = nullptr, std::size_t length = 0) {
-        const auto callback = zenk_test::lastCreationInfo().protocols[0].callback;
-        return callback(wsi, reason, session.get(), const_cast<void*>(in), length);
+        return zenk_test::g_raise(&connection, reason, session.get(), const_cast<void*>(in), length);
     }
     void receive(const std::string& fragment, bool isFinal, bool isBinary) {
-        zenk_test::setFragment(wsi, isFinal, isBinary);
+        connection.isFinal = isFinal;
+        connection.isBinary = isBinary;
         EXPECT_EQ(raise(zenk_ws::kEventReceive, fragment.data(), fragment.size()), 0);
         const auto isUsed = [](unsigned char byte) { return byte != 0; };
         EXPECT_NE(isFinal, session->rx != 0 || std::any_of(std::begin(session->buf), std::end(session->buf), isUsed));
@@ -47,7 +46,8 @@ protected:
 
     RecordingClient client;
     std::unique_ptr<ClientSessionData> session = std::make_unique<ClientSessionData>();
-    lws* wsi = nullptr;
+    lws connection{7};
+    lws* const wsi = &connection;
 };
 
 TEST_F(Service, HandsEventsOnAndSurvivesAClientThatThrows) {
@@ -98,9 +98,10 @@ TEST_F(Service, SendsTheLastFragmentBackWhenWriteable) {
     EXPECT_EQ(actions[2], (Action{Action::kWrite, wsi, 2, std::string(kMaxMessageBytes, '\0')})) << "a continuation";
     receive("def", true, false);
     for (const auto& [written, result] : {std::pair{-5, 1}, {2, -1}}) {
-        zenk_test::setWriteResult(written);
+        zenk_test::g_writeResult = written;
         EXPECT_EQ(raise(11), result);
     }
+    zenk_test::g_writeResult.reset();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Who does not keep up, client or host, costs bounded memory, loses nothing, and is nobody else's trouble.
 #include "tests/wire/wire.h"
+#include "wsserver/zenk_dvbCss.h"
 
 namespace zenk_test {
 namespace {
@@ -14,51 +15,48 @@ std::string message(int number) {
 }
 
 /// Sends until the server takes no more. @return how many whole messages it took
-int flood(RawClient& client, int most = kMany) {
-    for (int i = 0; i < most; ++i) {
-        if (!client.send(clientFrame(0x82, message(i)), 300ms)) return i;
-    }
-    return most;
+int flood(RawClient& client, int most = kMany, Milliseconds patience = 300ms) {
+    int sent = 0;
+    while (sent < most && client.send(clientFrame(kFin | kBinary, message(sent)), patience)) ++sent;
+    return sent;
 }
 
 struct Backpressure : Wire {
-    void SetUp() override { serve(); }
-    void serve() {
-        Wire::serve();
+    void SetUp() override {
+        serve();
         ASSERT_TRUE(pair.connect(server->port));
     }
     Pair pair;
 };
 
+// Of the few the sender is done before the reader begins; of the many it has to wait with most.
 TEST_F(Backpressure, KeepsAllForAReaderThatStallsAlsoWhenItsSenderHasFinished) {
-    constexpr int kMessages = 60;
-    const std::size_t before = residentBytes();
-    std::atomic<int> sent = 0;
-    std::jthread sending([&] {
-        while (sent < kMessages && pair.local.send(clientFrame(0x82, message(sent)), 60s)) ++sent;
-        pair.local.send(clientFrame(0x88, "\x03\xE8"), 60s);
-        pair.local.finishSending();
-    });
-    std::this_thread::sleep_for(700ms);  // the stall: nothing is awaited, the reader just does not read
-    EXPECT_LE(residentBytes(), before + 8 * kMiB);
-    for (int i = 0; i < kMessages; ++i) ASSERT_EQ(pair.remote.receiveFrame(), (Frame{0x82, message(i)})) << i;
-    EXPECT_EQ(pair.remote.closeCode(), 1000);
+    for (const int messages : {60, 300}) {
+        ASSERT_TRUE(pair.connect(server->port, std::to_string(messages)));
+        const std::size_t before = residentBytes();
+        std::thread sending([&] {
+            flood(pair.local, messages, 60s);
+            pair.local.send(clientFrame(kFin | kClose, "\x03\xE8"), 60s);
+            pair.local.finishSending();
+        });
+        std::this_thread::sleep_for(700ms);  // the stall: nothing is awaited, the reader just does not read
+        EXPECT_LE(residentBytes(), before + 8 * kMiB);
+        for (int i = 0; i < messages; ++i) EXPECT_EQ(pair.remote.receiveFrame(), (Frame{kFin | kBinary, message(i)}));
+        EXPECT_EQ(pair.remote.closeCode(), 1000);
+        sending.join();
+    }
 }
 
-TEST_F(Backpressure, LetsWhoIsHeldGoWhenEitherEnds) {
+TEST_F(Backpressure, LetsWhoIsHeldGoWhenEitherEndsOrTheReaderTakesNothingForTooLong) {
     ASSERT_LT(flood(pair.local), kMany);
     pair.local.reset();
     EXPECT_TRUE(server->isGone(1, 3s));
-    pair.remote.reset();
-    ASSERT_TRUE(pair.connect(server->port));
+    ASSERT_TRUE(pair.connect(server->port, "again"));
     ASSERT_LT(flood(pair.local), kMany);
     pair.remote.reset();
     EXPECT_EQ(pair.local.closeCode(), 1000);
-}
-
-TEST_F(Backpressure, EndsAReaderThatTakesNothingForTooLong) {
     zenk_ws::limits().backlogStall = 800ms;
-    zenk_ws::limits().closeStall = 300ms;
+    SetUp();
     ASSERT_LT(flood(pair.local), kMany);
     EXPECT_EQ(pair.local.closeCode(), 1000);
     EXPECT_TRUE(server->isGone(2));
@@ -101,71 +99,100 @@ TEST_F(Backpressure, TakesNothingMoreFromAClientThatIsToldToGo) {
 
 /// What a host sends while the service thread is busy.
 struct HostBurst : Wire {
+    using Lengths = std::vector<std::size_t>;
+
     void SetUp() override {
+        mayGoOn = false;
         serve();
         server->onText = [this](int, const std::string&) {
             isBusy = true;
             waitUntil([this] { return mayGoOn.load(); });
         };
         ASSERT_TRUE(first.upgrade(server->port, "/x") && second.upgrade(server->port, "/x"));
-        server->connection(2);
-        ASSERT_TRUE(first.sendText("be busy") && waitUntil([this] { return isBusy.load(); }));
+        ASSERT_TRUE(first.sendText("be busy") && waitUntil([this] { return isBusy.exchange(false); }));
     }
     void TearDown() override { mayGoOn = true; }
     int send(int number, std::size_t bytes) { return write(number, std::string(bytes, 'h')); }
-    /// Lengths of the messages that a client gets up to the end of its connection, or up to `count` of them.
-    static std::vector<std::size_t> takenBy(RawClient& client, std::size_t count = 100) {
-        std::vector<std::size_t> lengths;
-        while (lengths.size() < count) {
-            const auto frame = client.receiveFrame();
-            if (!frame) break;
-            lengths.push_back(frame->payload.size());
-        }
-        return lengths;
+    /// Lets the service go on. The client gets messages of these lengths; if they are none, it is cut.
+    void expectTaken(RawClient& client, const Lengths& lengths) {
+        mayGoOn = true;
+        for (const std::size_t length : lengths)
+            EXPECT_EQ(client.receiveFrame().value_or(Frame()).payload.size(), length);
+        EXPECT_TRUE(!lengths.empty() || (client.receive(1).empty() && client.waitForEnd()));
     }
-    using Lengths = std::vector<std::size_t>;
 
     std::atomic<bool> isBusy = false, mayGoOn = false;
     RawClient first, second;
 };
 
-TEST_F(HostBurst, TakesAnyMessageThatNothingWaitsBefore) {
-    send(1, 20'000'000);
-    send(1, 1);
-    mayGoOn = true;
-    EXPECT_EQ(takenBy(first, 2), (Lengths{20'000'000, 1}));
-}
-
-TEST_F(HostBurst, CutsNobodyForTheLengthOfOneMessage) {
-    zenk_ws::limits().hostTotalBytes = 6'000'000;
-    send(2, 1'000'000);
-    send(1, 20'000'000);
-    mayGoOn = true;
-    EXPECT_EQ(takenBy(second, 1), Lengths{1'000'000});
-    EXPECT_EQ(takenBy(first, 1), Lengths{20'000'000});
-}
-
 TEST_F(HostBurst, CutsWhomItBringsMoreThanTheMark) {
-    for (const std::size_t bytes : {std::size_t{0}, std::size_t{100'000}}) {
-        const std::size_t before = residentBytes();
+    for (const int number : {1, 2}) {
+        const std::size_t before = residentBytes(), bytes = number == 1 ? 0 : 100'000;
         int sent = 0;
-        while (sent < 200'000 && send(bytes == 0 ? 1 : 2, bytes) >= 0) ++sent;
+        while (sent < 200'000 && send(number, bytes) >= 0) ++sent;
         EXPECT_LT(sent, 200'000) << "messages fill the memory";
         EXPECT_LE(residentBytes(), before + 32 * kMiB);
     }
-    mayGoOn = true;
-    EXPECT_EQ(takenBy(first), Lengths());
-    EXPECT_EQ(takenBy(second), Lengths());
+    expectTaken(first, {});
+    expectTaken(second, {});
 }
 
-TEST_F(HostBurst, CutsWhoHasMostWhenAllTogetherHaveTooMuch) {
-    zenk_ws::limits().hostTotalBytes = 6'000'000;
-    send(1, 4'000'000);
-    send(2, 1'000'000);
-    EXPECT_EQ(send(2, 1'500'000), 1'500'000);
-    mayGoOn = true;
-    EXPECT_EQ(takenBy(first), Lengths());
-    EXPECT_EQ(takenBy(second, 2), (Lengths{1'000'000, 1'500'000}));
+TEST_F(HostBurst, CutsNobodyForTheLengthOfOneMessageElseWhoHasMost) {
+    const struct {
+        std::size_t total;
+        std::vector<std::pair<int, std::size_t>> sent;  // to which client, how much
+        Lengths first, second;
+    } bursts[] = {{64 * kMiB, {{1, 20'000'000}, {1, 1}, {2, 1}, {2, 8'300'000}}, {20'000'000, 1}, {1, 8'300'000}},
+                  {64 * kMiB, {{1, 1}, {1, 8'400'000}, {2, 1}}, {}, {1}},
+                  {6'000'000, {{2, 1'000'000}, {1, 20'000'000}}, {20'000'000}, {1'000'000}},
+                  {6'000'000, {{1, 4'000'000}, {2, 1'000'000}, {2, 1'500'000}}, {}, {1'000'000, 1'500'000}}};
+    for (const auto& [total, sent, byFirst, bySecond] : bursts) {
+        zenk_ws::limits().hostTotalBytes = total;
+        for (const auto& [number, bytes] : sent) send(number, bytes);
+        expectTaken(first, byFirst);
+        expectTaken(second, bySecond);
+        SetUp();
+    }
+}
+
+/// Blocks at the first message until it is told to go on, and counts those that come in order.
+struct BlockingHost {
+    static void onEvent(ZenkCSSEvent event, ZenkCSSEevntInfo* info, void const* self) {
+        auto& host = *static_cast<BlockingHost*>(const_cast<void*>(self));
+        if (event == CSS_EVENT_CII_CLIENT_LEAVE) ++host.leaves;
+        if (event != CSS_EVENT_CII_MESSAGE) return;
+        waitUntil([&] { return host.mayGoOn.load(); });
+        if (info->clientId == kStaying && info->message == message(host.messages)) ++host.messages;
+    }
+    static constexpr int kStaying = 3, kLeaving = 4;
+    std::atomic<bool> mayGoOn = false;
+    std::atomic<int> messages = 0, leaves = 0;
+};
+
+TEST_F(Backpressure, OfABlockedHostNeitherStopsTheNetworkNorFillsMemory) {
+    BlockingHost host;
+    ZenkCSSCIIServer css;
+    css.registerCIIEventCallback(BlockingHost::onEvent, &host);
+    css.setEnableInterDevSync(true);
+    server->frontEnd.addObserver(&css);
+    RawClient staying, leaving;
+    ASSERT_TRUE(staying.upgrade(server->port, "/css-cii/t/") && leaving.upgrade(server->port, "/css-cii/t/"));
+    const std::size_t before = residentBytes();
+    std::atomic<int> sent = 0;
+    std::thread sending([&] {
+        while (sent < kMany / 2 && staying.send(clientFrame(kFin | kBinary, message(sent)), 60s)) ++sent;
+    });
+    EXPECT_LT(flood(leaving, kMany, 1s), kMany);
+    const int sentBefore = sent;
+    for (int i = 0; i < 100; ++i) EXPECT_TRUE(pair.exchange());
+    leaving.reset();
+    EXPECT_TRUE(waitUntil([&] { return css.ciiClientIdExists(BlockingHost::kLeaving) == 0; })) << "its reset is seen";
+    EXPECT_EQ(sent, sentBefore);
+    EXPECT_LE(residentBytes(), before + 32 * kMiB);
+    host.mayGoOn = true;
+    EXPECT_TRUE(waitUntil([&] { return host.messages == kMany / 2 && host.leaves == 1; }, 3 * kPatience));
+    sending.join();
+    EXPECT_TRUE(pair.exchange());
 }
 
 }  // namespace

@@ -19,10 +19,7 @@ protected:
         zenk_ws::limits() = zenk_ws::Limits();
     }
 
-    void serve() {
-        server.emplace();
-        server->onText = [](int, const std::string&) {};
-    }
+    void serve() { server.emplace(); }
     /// A write of the host's to the connection with that number.
     int write(int number, const std::string& text, int type = zenk_ws::kWriteText) {
         return zenk_ws::lws_write(server->connection(number), text.data(), static_cast<int>(text.size()), type);
