@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "platform/ws_context.h"
@@ -16,6 +17,8 @@
 namespace zenk_ws {
 
 namespace {
+
+constexpr std::size_t kMaxControlBytes = 125;  // RFC 6455, 5.5; libwebsockets takes no longer ones
 
 /// @return the status that tells a peer what is wrong with its close frame (RFC 6455, 5.5.1 and 7.4); 0 if nothing is
 int answerToClose(std::span<const std::uint8_t> body) {
@@ -84,17 +87,23 @@ int Connection::onWriteable() {
     return kSendCloseFrame;
 }
 
-/// libwebsockets sends back any frame that it does not know to be wrong.
+/// libwebsockets would send back any frame that it does not know to be wrong, and only in another pass.
 int Connection::onPeerClose(std::span<const std::uint8_t> body) {
     constexpr int kSendItBack = 0, kEndAtOnce = -1;
     const bool hasAllGone = pump();  // whole frames that were written before the peer's close came are still welcome
     const int status = answerToClose(body);
-    if (status != 0 && hasAllGone) {
-        std::uint8_t frame[] = {0x88, 2, static_cast<std::uint8_t>(status >> 8), static_cast<std::uint8_t>(status)};
-        sendRaw(frame);
-    }
+    if (hasAllGone) answerClose(status, body);
     endSending();
-    return status != 0 ? kEndAtOnce : kSendItBack;
+    return hasAllGone || status != 0 ? kEndAtOnce : kSendItBack;
+}
+
+/// @param status  what is wrong with the peer's frame; 0 if nothing is, and it gets the same back (RFC 6455, 5.5.1)
+void Connection::answerClose(int status, std::span<const std::uint8_t> body) {
+    const std::uint8_t complaint[] = {static_cast<std::uint8_t>(status >> 8), static_cast<std::uint8_t>(status)};
+    if (status != 0) body = complaint;
+    std::array<std::uint8_t, 2 + kMaxControlBytes> frame = {0x88, static_cast<std::uint8_t>(body.size())};
+    std::ranges::copy(body, frame.begin() + 2);
+    sendRaw({frame.data(), 2 + body.size()});
 }
 
 /// libwebsockets ends the connection of itself, perhaps with a close frame. Before that can leave, it may read once

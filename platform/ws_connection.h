@@ -91,6 +91,7 @@ public:
 
 private:
     bool writeInPlace(const FrameHeader& header, std::span<const std::uint8_t> payload, const Connection* sender);
+    void answerClose(int status, std::span<const std::uint8_t> body);
     bool sendRaw(std::span<std::uint8_t> bytes);
     bool sendQueue();
     std::size_t backlog() const;
