@@ -133,7 +133,8 @@ class Bench:
 
     def _load(self, row, server) -> dict:
         arguments = self._arguments
-        with RunningServer(server, arguments.build_dir, self._folder, self._server_cpu) as running:
+        prepare = pinned(self._server_cpu, row.descriptors)
+        with RunningServer(server, arguments.build_dir, self._folder, prepare) as running:
             words = [str(arguments.build_dir / "bench_load"), *row.arguments, "--port", str(running.port),
                      "--pid", str(running.process.pid), "--time", str(arguments.seconds)]
             done = subprocess.run(words, capture_output=True, text=True, timeout=LOAD_SECONDS, check=False,

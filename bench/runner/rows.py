@@ -11,6 +11,8 @@ from dataclasses import dataclass
 
 from runner.servers import BEAST, LIMIT, OURS
 
+USUAL_DESCRIPTORS = 1024
+
 
 @dataclass(frozen=True)
 class Row:
@@ -21,6 +23,7 @@ class Row:
     also: tuple = ()  # further figures of the same run for the table: (title, figure)
     group: str = ""  # rows of a group are measured one after the other on each server: they are compared there
     ours_only: bool = False  # compared with another row of the same server, not with peers
+    descriptors: int = 0  # that the server may have; 0: as many as the driver
 
 
 def throughput(key, title, *arguments, **more):
@@ -56,7 +59,7 @@ ROWS = (
     # The busy pair is the last of the list, where a walk takes longest.
     throughput("pairs_2000", "the last of 2,000 pairs busy", "--window", "64", "--idle", "3998", group="idle",
                ours_only=True),
-    connection("conn", ""),
+    connection("conn", "", descriptors=USUAL_DESCRIPTORS),
     connection("conn_waiting_1", " beside 1 waiting record", "--waiting", "1", group="waiting", ours_only=True),
     connection("conn_waiting_2000", " beside 2,000 waiting records", "--waiting", "2000", group="waiting",
                ours_only=True),

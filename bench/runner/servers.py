@@ -3,6 +3,7 @@
 import os
 import random
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -59,17 +60,22 @@ def free_port(kind: int) -> int:
     raise RuntimeError("no free port found")
 
 
-def pinned(cpu):
-    """What a child does before it becomes its program: stay on one processor, where there are two."""
-    return None if cpu is None else lambda: os.sched_setaffinity(0, {cpu})
+def pinned(cpu, descriptors=0):
+    """What a child does before it becomes its program: stay on one processor, where there are two, and keep to a limit."""
+    def prepare():
+        if cpu is not None:
+            os.sched_setaffinity(0, {cpu})
+        if descriptors:
+            resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))
+    return prepare
 
 
 class RunningServer:
     """One server process, ready to serve, its standard output in a file; ended on leaving the `with` block."""
 
-    def __init__(self, server: Server, build: Path, folder: Path, cpu):
+    def __init__(self, server: Server, build: Path, folder: Path, prepare):
         self._output = folder / f"{server.key}.out"
-        self._server, self._build, self._cpu = server, build, cpu
+        self._server, self._build, self._prepare = server, build, prepare
         self.port = 0
         self.process = None
 
@@ -78,7 +84,7 @@ class RunningServer:
         words = self._server.words(self._build, self.port, free_port(socket.SOCK_DGRAM))
         with open(self._output, "wb") as output:
             self.process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=output,
-                                            preexec_fn=pinned(self._cpu))
+                                            preexec_fn=self._prepare)
         try:
             self._wait_until_ready()
         except BaseException:
