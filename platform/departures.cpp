@@ -29,16 +29,17 @@ void Departures::close() {
     m_epoll = -1;
 }
 
-void Departures::watch(Connection& connection) {
-    if (m_epoll < 0) return;
+void Departures::watch(Connection& connection, std::size_t present) {
+    if (m_epoll < 0 || present < kCrowd) return;
     epoll_event event{};
     event.events = EPOLLRDHUP | EPOLLET;  // a reset comes unasked
     event.data.ptr = &connection;
-    epoll_ctl(m_epoll, EPOLL_CTL_ADD, connection.socket(), &event);  // if it fails, it leaves when it is read
+    // If it fails, it leaves when it is read.
+    connection.m_isInDepartures = epoll_ctl(m_epoll, EPOLL_CTL_ADD, connection.socket(), &event) == 0;
 }
 
 void Departures::forget(Connection& connection) {
-    if (m_epoll < 0) return;
+    if (m_epoll < 0 || !connection.m_isInDepartures) return;
     epoll_ctl(m_epoll, EPOLL_CTL_DEL, connection.socket(), nullptr);
     m_waiting.erase(&connection);
 }

@@ -13,8 +13,10 @@ class Connection;
 /// to end a connection, more the more there are, and would end all that have gone in one pass.
 ///
 /// Whose peer has gone is known before the loop reads it, by an epoll set of its own that the loop serves first. Beyond
-/// the portion of a pass they are not read until it is their turn. For the service thread; must outlive its loop's last
-/// pass.
+/// the portion of a pass they are not read until it is their turn. A few connections are worth no such set: as long as
+/// no crowd is there, who comes is not watched, and leaves when it is read.
+///
+/// For the service thread; must outlive its loop's last pass.
 class Departures {
 public:
     Departures() = default;
@@ -26,7 +28,8 @@ public:
     void open(struct ev_loop* loop);
     void close();
 
-    void watch(Connection& connection);
+    /// To be called when a connection has come. @param present  how many there are
+    void watch(Connection& connection, std::size_t present);
     void forget(Connection& connection);
 
     /// To be called once in a pass.
@@ -34,6 +37,7 @@ public:
 
 private:
     static constexpr std::size_t kPortion = 16;
+    static constexpr std::size_t kCrowd = 128;  // from here on all leaving at once would be felt
 
     void look();
     void onGone(Connection& connection);

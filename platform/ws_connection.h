@@ -85,6 +85,7 @@ public:
     // has not taken, how much of it is one message that nothing waits before, and why the client is to be cut, if so.
     std::ptrdiff_t m_flushIndex = -1;
     bool m_isWatched = false;
+    bool m_isInDepartures = false;
     std::size_t m_hostBytes = 0;
     std::size_t m_hostFirstBytes = 0;
     const char* m_cutReason = nullptr;

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "platform/receive_buffers.h"
+#include "platform/statuses.h"
 #include "platform/ws_limits.h"
 
 namespace zenk_ws {
@@ -128,10 +129,9 @@ void Context::stop() {
 }
 
 void Context::sayGoodbye() {
-    constexpr int kGoingAway = 1001;
     for (const auto& [wsi, connection] : m_connections) {
         if (connection->phase() != Connection::Phase::Open) continue;
-        doFor(*connection, [](Connection& open) { open.startClose(kGoingAway); });
+        doFor(*connection, [](Connection& open) { open.startClose(zenk::kStatusGoingAway); });
     }
     using Clock = std::chrono::steady_clock;  // the host waits, so this is real time
     const auto end = Clock::now() + limits().goodbye;

@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "platform/receive_buffers.h"
+#include "platform/statuses.h"
 #include "platform/ws_context.h"
 #include "platform/ws_handshake.h"
 
@@ -12,7 +13,6 @@ namespace zenk_ws {
 namespace {
 
 constexpr int kRefuse = -1;
-constexpr int kServiceUnavailable = 503;
 // For the host and for ourselves: a URL or a configuration value takes one or two for a moment.
 constexpr rlim_t kSpareDescriptors = 16;
 constexpr std::chrono::minutes kTellShortageEvery{1};
@@ -132,7 +132,7 @@ int Context::onAccept(::lws* wsi, int fd) {
 }
 
 int Context::onHandshake(::lws* wsi) {
-    if (!reserveReceiveBuffer()) return refuseHandshake(wsi, kServiceUnavailable);
+    if (!reserveReceiveBuffer()) return refuseHandshake(wsi, zenk::kHttpUnavailable);
     auto made = std::make_unique<Connection>(*this, wsi, ++m_lastSerial);
     made->target() = readRequestTarget(wsi);
     Connection& connection = *made;
@@ -150,7 +150,7 @@ int Context::onHandshake(::lws* wsi) {
 
 void Context::onEstablished(Connection& connection) {
     ++m_announced;
-    m_departures.watch(connection);
+    m_departures.watch(connection, m_announced);
     connection.onEstablished();
     tellUp(connection, kEventEstablished);
     connection.target().reset();

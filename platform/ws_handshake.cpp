@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <string_view>
 
+#include "platform/statuses.h"
+
 namespace zenk_ws {
 
 namespace {
@@ -84,13 +86,13 @@ bool asksForVersion13(::lws* wsi) {
 
 const char* reasonPhrase(int status) {
     switch (status) {
-        case 400:
+        case zenk::kHttpBadRequest:
             return "Bad Request";
-        case 403:
+        case zenk::kHttpForbidden:
             return "Forbidden";
-        case 404:
+        case zenk::kHttpNotFound:
             return "Not Found";
-        case 503:
+        case zenk::kHttpUnavailable:
             return "Service Unavailable";
         default:
             return "Refused";
@@ -116,7 +118,7 @@ int checkUpgrade(::lws* wsi, const char* upgradeTo) {
 }
 
 int refuseHandshake(::lws* wsi, int result) {
-    const int status = result >= 400 && result <= 599 ? result : 403;
+    const int status = result >= 400 && result <= 599 ? result : zenk::kHttpForbidden;
     std::array<char, 64> line;
     std::snprintf(line.data(), line.size(), "%d %s", status, reasonPhrase(status));
     return answerHttp(wsi, line.data());
