@@ -19,12 +19,4 @@ inline constexpr char kCiiPath[] = "/css-cii";
 inline constexpr char kTsPath[] = "/css-ts";
 /// @}
 
-/// @{ HTTP statuses of refusals (RFC 9110) and close statuses (RFC 6455, 7.4.1).
-inline constexpr int kHttpForbidden = 403;
-inline constexpr int kHttpUnavailable = 503;
-inline constexpr int kStatusNormal = 1000;         // the partner has gone
-inline constexpr int kStatusGoingAway = 1001;      // the receiver ends the service
-inline constexpr int kStatusInternalError = 1011;  // nobody would hear of the connection
-/// @}
-
 }  // namespace zenk

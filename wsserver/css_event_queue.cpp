@@ -1,9 +1,12 @@
 #include "wsserver/css_event_queue.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <utility>
 
-#include "wsserver/shared_value.h"
+#include "platform/scope_exit.h"
+#include "platform/shared_value.h"
 
 namespace zenk {
 
@@ -80,33 +83,45 @@ void CssEventQueue::close() {
     while (m_isThreadAlive && !isEventThread()) m_changed.wait(m_mutex);
 }
 
-CssEventQueue::ThreadLife::~ThreadLife() {
-    if (m_queue == nullptr) return;
-    const MutexLock lock(m_queue->m_mutex);
-    if (!m_queue->isEventThread()) return;
-    m_queue->m_isThreadAlive = false;
-    m_queue->m_changed.notifyAll();
+void CssEventQueue::onThreadEnd() {
+    const MutexLock lock(m_mutex);
+    if (!isEventThread()) return;
+    m_isThreadAlive = false;
+    m_changed.notifyAll();
 }
 
 // ---------------------------------------------------------------- delivery
 
-/// Ends the last call by whatever way the thread leaves it: a callback may end its thread.
-class CssEventQueue::Calls {
-public:
-    explicit Calls(CssEventQueue& queue) : m_queue(queue) {}
-    ~Calls() {
-        const MutexLock lock(m_queue.m_mutex);
-        m_queue.endCall();
+namespace {
+
+// The message moves on: nobody else looks at the record any more.
+void callServer(ZenkDispatcherInfo& record) {
+    ZenkCSSEevntInfo info{record.clientId, std::move(record.message)};
+    if (record.event <= CSS_EVENT_CII_CLIENT_LEAVE) {
+        static_cast<ZenkCSSCIIServer*>(record.server)->dispatchEventToMS(record.event, &info);
+    } else {
+        static_cast<ZenkCSSTSServer*>(record.server)->dispatchEventToMS(record.event, &info);
     }
-    Calls(const Calls&) = delete;
-    Calls& operator=(const Calls&) = delete;
+}
 
-private:
-    CssEventQueue& m_queue;
-};
+// A callback that throws loses its event only. The unwinding of a thread that ends must go on to the thread's bottom;
+// it is no C++ object, so that the compiler's check for null references misfires.
+__attribute__((noinline, no_sanitize("null"))) void deliver(ZenkDispatcherInfo& record) {
+    try {
+        callServer(record);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+    }
+}
 
-void CssEventQueue::run(void (*deliver)(ZenkDispatcherInfo& record)) {
-    const Calls calls(*this);
+}  // namespace
+
+void CssEventQueue::run() {
+    const ScopeExit end([this] {
+        const MutexLock lock(m_mutex);
+        endCall();
+    });
     while (std::optional<ZenkDispatcherInfo> record = beginCall()) deliver(*record);
 }
 

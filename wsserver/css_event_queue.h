@@ -53,21 +53,12 @@ public:
 
     // For the thread that delivers.
 
-    /// Calls `deliver` without a lock, one record at a time, until the queue is closed. The event thread ends in here
-    /// when it is told to stop.
-    void run(void (*deliver)(ZenkDispatcherInfo& record));
+    /// Hands the records to their servers without a lock, one at a time, until the queue is closed. The event thread
+    /// ends in here when it is told to stop.
+    void run();
 
-    /// The event thread holds one as long as it lives.
-    class ThreadLife {
-    public:
-        explicit ThreadLife(std::shared_ptr<CssEventQueue> queue) : m_queue(std::move(queue)) {}
-        ~ThreadLife();
-        ThreadLife(const ThreadLife&) = delete;
-        ThreadLife& operator=(const ThreadLife&) = delete;
-
-    private:
-        const std::shared_ptr<CssEventQueue> m_queue;  // may be null
-    };
+    /// The last that the event thread does.
+    void onThreadEnd();
 
 private:
     struct Server {

@@ -7,12 +7,12 @@
 #include <utility>
 #include <vector>
 
+#include "log/trace.h"
+#include "platform/shared_value.h"
 #include "wsserver/constants.h"
 #include "wsserver/css_client_list.h"
 #include "wsserver/css_event_queue.h"
 #include "wsserver/media_sync_server.h"
-#include "wsserver/shared_value.h"
-#include "wsserver/trace.h"
 
 namespace zenk {
 
@@ -28,7 +28,7 @@ public:
     using Server = typename Kind::Server;
     using Removal = CssClientList::Removal;
 
-    static void setUp(Server& server, const Trace& trace, const std::string& initString = {}) {
+    static void setUp(Server& server, const std::string& initString, const Trace& trace) {
         attempt(server, trace, [&] {
             server.m_initString = initString;
             server.m_events = CssEventQueue::join(server.m_dispatcher);
@@ -36,20 +36,22 @@ public:
         storeShared(Server::m_instance, &server);
         server.m_maxClientNum = readCssClientLimit();
         std::printf("%s m_maxClientNum = %d\n", Kind::kName, server.m_maxClientNum);
-        if (server.m_dispatcher == nullptr) return;
         // Last, since events come from here on.
-        attempt(server, trace, [&] { server.m_events->enter(&server, server.m_server, Kind::kNewClient); });
+        attempt(server, trace, [&] {
+            if (server.m_events != nullptr) server.m_events->enter(&server, server.m_server, Kind::kNewClient);
+        });
+        trace.leave(trace.line());
     }
 
     /// Leaves both sides that call the server; after this nobody does.
-    static void tearDown(Server& server) {
+    static void tearDown(Server& server, const Trace& trace) {
         MediaSyncServer* const frontEnd = loadShared(server.m_server);
         if (frontEnd != nullptr) frontEnd->removeObserver(&server);
         if (server.m_events != nullptr) server.m_events->leave(&server);
         server.m_dispatcher = nullptr;
-        setCallback(server, nullptr, nullptr);
         server.m_enableInterDevSync = false;
         storeShared(Server::m_instance, nullptr);
+        setCallback(server, nullptr, nullptr, trace);
     }
 
     static void newClient(Server& server, const char* uri, int clientId, const Trace& trace) try {
@@ -91,19 +93,24 @@ public:
     }
 
     template <typename Callback>
-    static void setCallback(Server& server, Callback callback, void const* userData) {
-        const MutexLock lock(server.m_mutex);
-        server.m_eventCallback = callback;
-        server.m_eventUserData = userData;
+    static void setCallback(Server& server, Callback callback, void const* userData, const Trace& trace) {
+        {
+            const MutexLock lock(server.m_mutex);
+            server.m_eventCallback = callback;
+            server.m_eventUserData = userData;
+        }
+        trace.leave(trace.line());
     }
 
     // Emptied before the closing: a client that connects in between is then listed and closed like any other, and one
     // that connects later is listed.
-    static void enable(Server& server, bool isEnabled) {
+    static void enable(Server& server, bool isEnabled, const Trace& trace) {
         server.m_enableInterDevSync = isEnabled;
-        if (isEnabled) return;
-        server.m_clientIds.takeAll();
-        server.closeClientConnection(kEveryClient);
+        if (!isEnabled) {
+            server.m_clientIds.takeAll();
+            server.closeClientConnection(kEveryClient);
+        }
+        trace.leave(trace.line());
     }
 
     static void giveEndpoint(std::string& endpoint, const Trace& trace) try {

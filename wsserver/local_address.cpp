@@ -12,33 +12,19 @@ namespace zenk {
 
 namespace {
 
-constexpr int kRouteColumns = 11;
-
-struct RouteLine {
-    InterfaceName interface;
-    unsigned long destination, gateway, mask;
-    unsigned int flags;
-    int references, uses, metric, mtu, window, irtt;
-};
-
 // The table is a stream of fields, not of lines: behind a short line the next line's fields fill the open columns.
-int readRoute(std::FILE* table, RouteLine& line) {
-    return std::fscanf(table, "%19s%lx%lx%X%d%d%d%lx%d%d%d\n", line.interface.text, &line.destination, &line.gateway,
-                       &line.flags, &line.references, &line.uses, &line.metric, &line.mask, &line.mtu, &line.window,
-                       &line.irtt);
-}
+constexpr char kRoute[] = "%19s%*x%*x%*X%*d%*d%*d%*x%*d%*d%*d\n%n";
 
 }  // namespace
 
 std::optional<InterfaceName> firstRouteInterface(std::FILE* table) {
     if (std::fscanf(table, "%*[^\n]\n") < 0) return std::nullopt;
-    RouteLine line = {};
-    int columns = 0;
+    InterfaceName interface;
+    int length = 0;  // of a route whose columns are all there
     // Every read takes at least one character or meets the end, so this ends.
-    do {
-        columns = readRoute(table, line);
-        if (columns == kRouteColumns) return line.interface;
-    } while (columns >= 0 && std::ferror(table) == 0);
+    while (std::fscanf(table, kRoute, interface.text, &length) >= 0 && std::ferror(table) == 0) {
+        if (length > 0) return interface;
+    }
     return InterfaceName();
 }
 

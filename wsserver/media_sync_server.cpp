@@ -11,13 +11,14 @@
 #include <string_view>
 #include <utility>
 
+#include "log/trace.h"
+#include "platform/shared_value.h"
+#include "platform/socket.h"
+#include "platform/statuses.h"
 #include "platform/zenk_websockets.h"
 #include "wsserver/constants.h"
 #include "wsserver/local_address.h"
 #include "wsserver/paired_apps.h"
-#include "wsserver/shared_value.h"
-#include "wsserver/socket.h"
-#include "wsserver/trace.h"
 
 using zenk::loadShared;
 using zenk::Trace;
@@ -207,11 +208,8 @@ int MediaSyncServer::handlePairingConnection(const std::string& uri, int socketF
         return trace.leave(1);
     }
     m_pairing->complete(*app, side, socketFd, wsi);
-    if (side == PairSide::kLocal) {
-        trace.text("\"local paired\"", "local paired");
-    } else {
-        trace.text("\"remote paired\"", "remote paired");
-    }
+    const bool isLocal = side == PairSide::kLocal;
+    trace.text(isLocal ? "\"local paired\"" : "\"remote paired\"", isLocal ? "local paired" : "remote paired");
     if (loadShared(enablePairing)) {
         constexpr std::string_view kNotice = "pairingcompleted";
         for (lws* const partner : {app->localWsi, app->remoteWsi}) {

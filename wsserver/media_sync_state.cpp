@@ -3,14 +3,15 @@
 #include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "platform/shared_value.h"
 #include "platform/zenk_websockets.h"
 #include "wsserver/client_ids.h"
 #include "wsserver/media_sync_server.h"
 #include "wsserver/paired_apps.h"
-#include "wsserver/shared_value.h"
 #include "wsserver/url_token.h"
 
 using zenk::loadShared;
@@ -23,11 +24,9 @@ MediaSyncServer* MediaSyncServer::m_instance = nullptr;
 
 namespace {
 
-/// Keeps two first calls of getInstance() from building two instances.
-zenk::Mutex& instanceMutex() {
-    static zenk::Mutex mutex;
-    return mutex;
-}
+// Keeps two first calls of getInstance() from building two instances. Nothing destroys it when the process exits.
+constinit zenk::Mutex g_instanceMutex;
+static_assert(std::is_trivially_destructible_v<zenk::Mutex>);
 
 /// Keeps a server alive while another thread holds or resumes one of its clients.
 struct LivingServers {
@@ -75,7 +74,7 @@ MediaSyncServer::~MediaSyncServer() {
 }
 
 MediaSyncServer* MediaSyncServer::instanceOrNewOne() try {
-    const zenk::MutexLock lock(instanceMutex());
+    const zenk::MutexLock lock(g_instanceMutex);
     MediaSyncServer* const instance = loadShared(m_instance);
     return instance != nullptr ? instance : new MediaSyncServer;  // which stores itself in m_instance
 } catch (const std::exception&) {
@@ -163,8 +162,7 @@ bool MediaSyncServer::copyUrl(int clientId, std::string& url) {
 static std::string fullUri(lws* wsi) {
     const char* const path = zenk_ws::lws_hdr_simple_ptr(wsi, zenk_ws::kTokenPath);
     const char* const query = zenk_ws::lws_hdr_simple_ptr(wsi, zenk_ws::kTokenQuery);
-    std::string uri;
-    if (path != nullptr) uri = path;
+    std::string uri = path != nullptr ? path : "";
     // An empty query still has its "?".
     if (query != nullptr) uri.append("?").append(query);
     return uri;

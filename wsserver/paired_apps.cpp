@@ -4,19 +4,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <iterator>
 #include <memory>
+
+#include "wsserver/constants.h"
 
 namespace {
 
-constexpr std::string_view kLocalPrefix = "/local/hbbtv/";
-constexpr std::string_view kRemotePrefix = "/remote/hbbtv/";
 constexpr std::string_view kMarker = "/hbbtv/";
 
 }  // namespace
 
 bool isPairingUri(std::string_view uri) {
-    return uri.starts_with(kLocalPrefix) || uri.starts_with(kRemotePrefix);
+    return uri.starts_with(zenk::kLocalPath) || uri.starts_with(zenk::kRemotePath);
 }
 
 PairingUri cutPairingUri(std::string_view uri) {
@@ -30,13 +29,10 @@ PairingUri cutPairingUri(std::string_view uri) {
 
 _pairedApp* PairedApps::findBySocket(int socketFd) const {
     const auto [begin, end] = m_bySocket.equal_range(socketFd);
-    if (begin == end) return nullptr;
-    // The server gives a socket to one record only; then this loop has nothing to compare.
-    Record* first = begin->second;
-    for (auto entry = std::next(begin); entry != end; ++entry) {
-        if (entry->second->number < first->number) first = entry->second;
-    }
-    return first;
+    // The server gives a socket to one record only; then there is nothing to compare.
+    const auto first = std::min_element(
+        begin, end, [](const auto& one, const auto& other) { return one.second->number < other.second->number; });
+    return first == end ? nullptr : first->second;
 }
 
 _pairedApp* PairedApps::findWaiting(const std::string& endpoint, PairSide newcomer) const {
@@ -46,13 +42,9 @@ _pairedApp* PairedApps::findWaiting(const std::string& endpoint, PairSide newcom
 }
 
 void PairedApps::setSide(_pairedApp& app, PairSide side, int socketFd, lws* wsi) {
-    if (side == PairSide::kLocal) {
-        app.localFd = socketFd;
-        app.localWsi = wsi;
-    } else {
-        app.remoteFd = socketFd;
-        app.remoteWsi = wsi;
-    }
+    const bool isLocal = side == PairSide::kLocal;
+    (isLocal ? app.localFd : app.remoteFd) = socketFd;
+    (isLocal ? app.localWsi : app.remoteWsi) = wsi;
 }
 
 void PairedApps::start(const std::string& endpoint, PairSide side, int socketFd, lws* wsi) {
@@ -107,14 +99,7 @@ void PairedApps::end(_pairedApp& app) {
 }
 
 void PairedApps::clear() {
-    m_bySocket.clear();
-    m_waitingLocal.clear();
-    m_waitingRemote.clear();
-    for (_pairedApp* app : m_list) {
-        std::free(app->endpoint);
-        delete &recordOf(*app);
-    }
-    m_list.clear();
+    while (!m_list.empty()) end(*m_list.back());
 }
 
 void PairedApps::enqueue(Record& record) {

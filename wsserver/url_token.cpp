@@ -8,18 +8,12 @@
 
 std::string md5Hex(std::string_view text) {
     std::array<unsigned char, MD5_DIGEST_LENGTH> digest = {};
-    MD5_CTX context;
-    MD5_Init(&context);
-    MD5_Update(&context, text.data(), text.size());
-    MD5_Final(digest.data(), &context);
+    MD5(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data());
 
+    constexpr char kDigits[] = "0123456789abcdef";
     std::string hex;
     hex.reserve(2 * digest.size());
-    for (const unsigned char byte : digest) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned>(byte));
-        hex += digits;
-    }
+    for (const unsigned char byte : digest) hex.append({kDigits[byte >> 4], kDigits[byte & 0xF]});
     return hex;
 }
 

@@ -2,10 +2,16 @@
 
 #include <endian.h>
 
-#include <atomic>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <optional>
+
+#include "platform/shared_value.h"
+
+using zenk::loadShared;
+using zenk::storeShared;
 
 ZenkWallClock* ZenkWallClock::m_instance = nullptr;
 
@@ -28,27 +34,10 @@ constexpr std::uint32_t ZenkWCMessage::*kWordFields[] = {
     &ZenkWCMessage::transmit_timevalue_nanos,
 };
 
-// The fields stay plain for the host's sake; no two of them have to agree, so no order between them is needed.
-template <typename T>
-T load(T& field) {
-    return std::atomic_ref<T>(field).load(std::memory_order_relaxed);
-}
-
-template <typename T>
-void store(T& field, T value) {
-    std::atomic_ref<T>(field).store(value, std::memory_order_relaxed);
-}
-
 std::optional<clockid_t> systemClock(ZenkWallClockType type) {
-    switch (type) {
-        case WALLCLOCK_MONOTONIC:
-            return CLOCK_MONOTONIC;
-        case WALLCLOCK_MONOTONIC_COARSE:
-            return CLOCK_MONOTONIC_COARSE;
-        case WALLCLOCK_MONOTONIC_RAW:
-            return CLOCK_MONOTONIC_RAW;
-    }
-    return std::nullopt;
+    constexpr clockid_t kClocks[] = {CLOCK_MONOTONIC, CLOCK_MONOTONIC_COARSE, CLOCK_MONOTONIC_RAW};
+    const auto index = static_cast<std::size_t>(type);
+    return index < std::size(kClocks) ? std::optional(kClocks[index]) : std::nullopt;
 }
 
 // A thread can be held up for seconds between two reads: 32 bits wrap then, which only unsigned types may do. Modulo
@@ -76,16 +65,16 @@ int log2Seconds(int tickNs) {
 
 ZenkWallClock::ZenkWallClock() {
     Initialize(WALLCLOCK_MONOTONIC_RAW);
-    std::atomic_ref<ZenkWallClock*>(m_instance).store(this);
+    storeShared(m_instance, this);
 }
 
 ZenkWallClock::~ZenkWallClock() = default;
 
 int ZenkWallClock::Initialize(ZenkWallClockType type) {
-    store(m_type, type);
-    store(m_resolutionNs, toldResolutionNs(type));
+    storeShared(m_type, type);
+    storeShared(m_resolutionNs, toldResolutionNs(type));
     measureAndStore();
-    store(m_maxFreqError, CountMaxFreqError());
+    storeShared(m_maxFreqError, CountMaxFreqError());
     return 0;
 }
 
@@ -95,16 +84,16 @@ int ZenkWallClock::Deinitialize() {
 
 timespec ZenkWallClock::GetWallClockTime() {
     timespec now{};
-    const std::optional<clockid_t> clock = systemClock(load(m_type));
+    const std::optional<clockid_t> clock = systemClock(loadShared(m_type));
     if (!clock) return now;
     clock_gettime(*clock, &now);
-    const int tickNs = load(m_precisionNs);
+    const int tickNs = loadShared(m_precisionNs);
     if (tickNs > 0) now.tv_nsec = now.tv_nsec / tickNs * tickNs;
     return now;
 }
 
 int ZenkWallClock::CountPrecision() {
-    const std::optional<clockid_t> clock = systemClock(load(m_type));
+    const std::optional<clockid_t> clock = systemClock(loadShared(m_type));
     if (!clock) return -1;
     timespec first{};
     timespec second{};
@@ -118,11 +107,11 @@ int ZenkWallClock::GetPrecision() {
 }
 
 int ZenkWallClock::CountMaxFreqError() {
-    return systemClock(load(m_type)) ? kMaxFreqError : 0;
+    return systemClock(loadShared(m_type)) ? kMaxFreqError : 0;
 }
 
 int ZenkWallClock::GetMaxFreqError() {
-    return load(m_maxFreqError);
+    return loadShared(m_maxFreqError);
 }
 
 int ZenkWallClock::ZenkWCMessageToString(ZenkWCMessage* message, char* buffer, int* length) {
@@ -155,14 +144,14 @@ int ZenkWallClock::StringToZenkWCMessage(char* buffer, int /*length*/, ZenkWCMes
 
 // Two reads in the same tick of a coarse clock measure 0, which tells nothing: the system's own figure serves then.
 int ZenkWallClock::usableTick(int measuredNs) {
-    if (measuredNs > 0 || !systemClock(load(m_type))) return measuredNs;
-    return load(m_resolutionNs);
+    if (measuredNs > 0 || !systemClock(loadShared(m_type))) return measuredNs;
+    return loadShared(m_resolutionNs);
 }
 
 int ZenkWallClock::measureAndStore() {
     const int tickNs = usableTick(CountPrecision());
     const int log2 = log2Seconds(tickNs);
-    store(m_precisionNs, tickNs);
-    store(m_precisionLog2, log2);
+    storeShared(m_precisionNs, tickNs);
+    storeShared(m_precisionLog2, log2);
     return log2;
 }

@@ -4,13 +4,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
-#include "wsserver/shared_value.h"
+#include "platform/shared_value.h"
 
 namespace zenk {
 
@@ -30,48 +31,9 @@ sockaddr_in anyAddress(const std::string& port) {
     return address;
 }
 
-/// Room for the address that a datagram came to, or for the one that it shall leave from.
-union AddressNote {
-    cmsghdr header;  // for its alignment
-    char bytes[CMSG_SPACE(sizeof(in_pktinfo))];
-};
-
-/// A datagram of one piece, with the peer's address and a note.
-msghdr makeDatagram(iovec& piece, sockaddr_in& peer, socklen_t peerBytes, AddressNote& note) {
-    msghdr datagram{};
-    datagram.msg_name = &peer;
-    datagram.msg_namelen = peerBytes;
-    datagram.msg_iov = &piece;
-    datagram.msg_iovlen = 1;
-    datagram.msg_control = note.bytes;
-    datagram.msg_controllen = sizeof note.bytes;
-    return datagram;
-}
-
-/// @return the zero address, which leaves the choice to the system, where the system has noted none
-in_addr notedAddress(msghdr& datagram) {
-    in_pktinfo info{};
-    const cmsghdr* const note = CMSG_FIRSTHDR(&datagram);
-    if (note != nullptr && note->cmsg_level == IPPROTO_IP && note->cmsg_type == IP_PKTINFO) {
-        std::memcpy(&info, CMSG_DATA(note), sizeof info);
-    }
-    return info.ipi_spec_dst;
-}
-
-void noteAddress(msghdr& datagram, const in_addr& address) {
-    in_pktinfo info{};  // no interface: the route may be another than the request's
-    info.ipi_spec_dst = address;
-    cmsghdr* const note = CMSG_FIRSTHDR(&datagram);
-    note->cmsg_level = IPPROTO_IP;
-    note->cmsg_type = IP_PKTINFO;
-    note->cmsg_len = CMSG_LEN(sizeof info);
-    std::memcpy(CMSG_DATA(note), &info, sizeof info);
-}
-
 }  // namespace
 
-// What comes in from the first moment on is to carry the address that it came to. A system that cannot tell answers
-// from an address of its choice.
+// What comes in from the first moment on is to carry the address that it came to.
 bool WCExchange::bindSocket(int fd, const std::string& port) {
     const int isOn = 1;
     ::setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &isOn, sizeof isOn);
@@ -101,13 +63,10 @@ WCExchange::End WCExchange::run(unsigned char& running, unsigned char& enabled) 
 }
 
 bool WCExchange::receive() {
-    iovec piece{m_received, kBufferBytes};
-    AddressNote note{};
-    msghdr request = makeDatagram(piece, m_sender, sizeof m_sender, note);
-    const ssize_t bytes = ::recvmsg(m_fd, &request, 0);
+    m_piece = {m_received, kBufferBytes};
+    m_datagram = {&m_peer, sizeof m_peer, &m_piece, 1, m_note, sizeof m_note, 0};
+    const ssize_t bytes = ::recvmsg(m_fd, &m_datagram, 0);
     if (bytes < 0) return false;
-    m_senderBytes = request.msg_namelen;
-    m_asked = notedAddress(request);
     m_receivedBytes = static_cast<int>(bytes);
     std::printf("##MS## receive msg from wc client, len=%d,msg:%s\n", m_receivedBytes, m_received);
     return true;
@@ -144,11 +103,11 @@ void WCExchange::fillReply(ZenkWCMessage& message, const timespec& receiveTime) 
 
 // A reply that cannot leave is a lost datagram like any other; the device asks again.
 void WCExchange::sendReply(std::size_t bytes) {
-    iovec piece{m_reply, bytes};
-    AddressNote note{};
-    msghdr reply = makeDatagram(piece, m_sender, m_senderBytes, note);
-    noteAddress(reply, m_asked);
-    ::sendmsg(m_fd, &reply, 0);
+    m_piece = {m_reply, bytes};
+    cmsghdr* const note = CMSG_FIRSTHDR(&m_datagram);
+    // From the address that was asked, but by any interface: the route may be another than the request's.
+    if (note != nullptr) std::memset(CMSG_DATA(note) + offsetof(in_pktinfo, ipi_ifindex), 0, sizeof(int));
+    ::sendmsg(m_fd, &m_datagram, 0);
 }
 
 }  // namespace zenk

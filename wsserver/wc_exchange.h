@@ -1,6 +1,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstddef>
 #include <ctime>
@@ -41,9 +42,12 @@ private:
 
     const int m_fd;
     ZenkWallClock& m_clock;
-    sockaddr_in m_sender{};
-    socklen_t m_senderBytes = 0;
-    in_addr m_asked{};  // the address that the request came to
+    // The request as it came and, with another piece, its reply: for the same peer, from the address that the system
+    // has noted as the one that was asked. One that notes none answers from an address of its choice.
+    msghdr m_datagram{};
+    sockaddr_in m_peer{};
+    iovec m_piece{};
+    alignas(cmsghdr) char m_note[CMSG_SPACE(sizeof(in_pktinfo))];
     int m_receivedBytes = 0;
     // Never cleared between requests. The last byte stays 0, so that even a full datagram ends as a text.
     char m_received[kBufferBytes + 1]{};

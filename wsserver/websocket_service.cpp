@@ -15,10 +15,12 @@
 #include <exception>
 #include <limits>
 
+#include "platform/cancellation.h"
+#include "platform/scope_exit.h"
+#include "platform/statuses.h"
+#include "platform/utf8_cut.h"
 #include "platform/zenk_websockets.h"
-#include "wsserver/cancellation.h"
 #include "wsserver/constants.h"
-#include "wsserver/utf8_cut.h"
 
 static_assert(kSessionHeadroom == zenk_ws::kHeadroom);
 
@@ -40,24 +42,11 @@ Target clampedTo(Value value) {
     return static_cast<Target>(std::min<std::uint64_t>(value, std::numeric_limits<Target>::max()));
 }
 
-/// Brings a record back to rest when its message is done with, also when the client threw.
-class MessageEnd {
-public:
-    explicit MessageEnd(ClientSessionData& session) : m_session(session) {}
-
-    // Only what this message wrote needs clearing: the rest is zero already.
-    ~MessageEnd() {
-        const std::size_t written = std::min<std::size_t>(m_session.rx, kMaxMessageBytes);
-        std::memset(payloadOf(m_session), 0, written);
-        m_session.rx = 0;
-    }
-
-    MessageEnd(const MessageEnd&) = delete;
-    MessageEnd& operator=(const MessageEnd&) = delete;
-
-private:
-    ClientSessionData& m_session;
-};
+/// Only what the message wrote needs clearing: the rest of the record is zero already.
+void bringToRest(ClientSessionData& session) {
+    std::memset(payloadOf(session), 0, std::min<std::size_t>(session.rx, kMaxMessageBytes));
+    session.rx = 0;
+}
 
 void appendFragment(ClientSessionData& session, const void* in, std::size_t len) {
     if (session.rx > kMaxMessageBytes) {
@@ -72,7 +61,7 @@ void appendFragment(ClientSessionData& session, const void* in, std::size_t len)
 }
 
 void deliverMessage(ClientSessionData& session) {
-    const MessageEnd end(session);
+    const zenk::ScopeExit end([&session] { bringToRest(session); });
     unsigned char* const message = payloadOf(session);
     std::size_t length = std::min<std::size_t>(session.rx, kMaxMessageBytes);
     // A text that was cut must not end inside a character, or its relay would be an invalid frame. One that just fills
@@ -199,21 +188,6 @@ zenk_ws::lws_context_creation_info creationInfo(int port) {
     return info;
 }
 
-// Ends the service, also when the thread is cancelled.
-class ServiceEnd {
-public:
-    explicit ServiceEnd(zenk_ws::lws_context* context) : m_context(context) {}
-    ~ServiceEnd() {
-        zenk_ws::lws_context_destroy(m_context);
-        closelog();
-    }
-    ServiceEnd(const ServiceEnd&) = delete;
-    ServiceEnd& operator=(const ServiceEnd&) = delete;
-
-private:
-    zenk_ws::lws_context* const m_context;
-};
-
 }  // namespace
 
 int Client::onFilterConnection() {
@@ -252,7 +226,10 @@ int startWebSocketServer(int port, Client* client) {
         zenk_ws::_lws_log(zenk_ws::kLogError, "libwebsocket init failed\n");
         return -1;
     }
-    const ServiceEnd end(context);
+    const zenk::ScopeExit end([context] {
+        zenk_ws::lws_context_destroy(context);
+        closelog();
+    });
     std::signal(SIGINT, sighandler);
     while (g_forceExit.load() == 0) {
         if (zenk_ws::lws_service(context, kServiceWaitMs) < 0) break;

@@ -2,31 +2,56 @@
 
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cstdio>
 #include <exception>
 #include <new>
 #include <type_traits>
-#include <utility>
 
-#include "wsserver/cancellation.h"
+#include "log/trace.h"
+#include "platform/cancellation.h"
+#include "platform/scope_exit.h"
+#include "platform/shared_value.h"
+#include "platform/socket.h"
 #include "wsserver/constants.h"
-#include "wsserver/css_delivery.h"
 #include "wsserver/css_event_queue.h"
 #include "wsserver/css_server.h"
 #include "wsserver/local_address.h"
-#include "wsserver/shared_value.h"
-#include "wsserver/socket.h"
-#include "wsserver/trace.h"
 #include "wsserver/wall_clock.h"
 #include "wsserver/wc_exchange.h"
 
 using Addition = zenk::CssClientList::Addition;
 using Removal = zenk::CssClientList::Removal;
-using zenk::exchangeShared;
 using zenk::loadShared;
 using zenk::storeShared;
 using zenk::Trace;
+
+// ---------------------------------------------------------------- what differs between the CII and the TS server
+
+namespace {
+
+struct Cii {
+    using Server = ZenkCSSCIIServer;
+    static constexpr char kName[] = "CII", kRefusal[] = "CII Client num reach max number, can't connect";
+    static constexpr const char* kPath = zenk::kCiiPath;
+    static constexpr ZenkCSSEvent kNewClient = CSS_EVENT_CII_NEW_CLIENT, kMessage = CSS_EVENT_CII_MESSAGE,
+                                  kClientLeave = CSS_EVENT_CII_CLIENT_LEAVE;
+    static constexpr auto kExists = &Server::ciiClientIdExists, kAdd = &Server::addCiiClientId;
+    static constexpr auto kGiveUrl = &MediaSyncServer::getInterDevSyncUrl;
+};
+using CiiServer = zenk::CssServer<Cii>;
+
+struct Ts {
+    using Server = ZenkCSSTSServer;
+    static constexpr char kName[] = "TS", kRefusal[] = "TS Client num reach max number, can't connect";
+    static constexpr const char* kPath = zenk::kTsPath;
+    static constexpr ZenkCSSEvent kNewClient = CSS_EVENT_TS_NEW_CLIENT, kMessage = CSS_EVENT_TS_MESSAGE,
+                                  kClientLeave = CSS_EVENT_TS_CLIENT_LEAVE;
+    static constexpr auto kExists = &Server::tsClientIdExists, kAdd = &Server::addTsClientId;
+    static constexpr auto kGiveUrl = &MediaSyncServer::getCssTsEndpoint;
+};
+using TsServer = zenk::CssServer<Ts>;
+
+}  // namespace
 
 // ---------------------------------------------------------------- event dispatcher
 
@@ -104,7 +129,7 @@ void ZenkCSSEventDispatcher::processEvent() {
     const Trace trace;
     // From the first delivery on this object may be gone, destroyed by a callback.
     const std::shared_ptr<zenk::CssEventQueue> events = m_events;
-    if (m_keepRunning) events->run(zenk::deliver);
+    if (m_keepRunning) events->run();
     trace.fail();
     trace.leave();
 }
@@ -113,8 +138,11 @@ void* cssEventThread(void* argument) {
     // The thread is stopped where it is safe, and nowhere else.
     const zenk::Cancellation forbidden(PTHREAD_CANCEL_DISABLE);
     auto* const dispatcher = static_cast<ZenkCSSEventDispatcher*>(argument);
-    // Outlives the last trace line, so that the dispatcher's destructor has the last word.
-    const zenk::CssEventQueue::ThreadLife life(dispatcher != nullptr ? dispatcher->m_events : nullptr);
+    const std::shared_ptr<zenk::CssEventQueue> events = dispatcher != nullptr ? dispatcher->m_events : nullptr;
+    // After the last trace line, so that the dispatcher's destructor has the last word.
+    const zenk::ScopeExit end([&events] {
+        if (events != nullptr) events->onThreadEnd();
+    });
     const Trace trace;
     if (dispatcher != nullptr) dispatcher->processEvent();
     trace.leave();
@@ -123,39 +151,18 @@ void* cssEventThread(void* argument) {
 
 // ---------------------------------------------------------------- CSS-CII server
 
-namespace {
-
-struct Cii {
-    using Server = ZenkCSSCIIServer;
-    static constexpr char kName[] = "CII", kRefusal[] = "CII Client num reach max number, can't connect";
-    static constexpr const char* kPath = zenk::kCiiPath;
-    static constexpr ZenkCSSEvent kNewClient = CSS_EVENT_CII_NEW_CLIENT, kMessage = CSS_EVENT_CII_MESSAGE,
-                                  kClientLeave = CSS_EVENT_CII_CLIENT_LEAVE;
-    static constexpr auto kExists = &Server::ciiClientIdExists, kAdd = &Server::addCiiClientId;
-    static constexpr auto kGiveUrl = &MediaSyncServer::getInterDevSyncUrl;
-};
-using CiiServer = zenk::CssServer<Cii>;
-
-}  // namespace
-
 ZenkCSSCIIServer* ZenkCSSCIIServer::m_instance = nullptr;
 
 ZenkCSSCIIServer::ZenkCSSCIIServer() {
-    const Trace trace;
-    CiiServer::setUp(*this, trace);
-    trace.leave();
+    CiiServer::setUp(*this, {}, Trace());
 }
 
 ZenkCSSCIIServer::ZenkCSSCIIServer(std::string& initString) {
-    const Trace trace;
-    CiiServer::setUp(*this, trace, initString);
-    trace.leave();
+    CiiServer::setUp(*this, initString, Trace());
 }
 
 ZenkCSSCIIServer::~ZenkCSSCIIServer() {
-    const Trace trace;
-    CiiServer::tearDown(*this);
-    trace.leave();
+    CiiServer::tearDown(*this, Trace());
 }
 
 void ZenkCSSCIIServer::onNewClient(char* uri, int clientId) {
@@ -176,21 +183,15 @@ int ZenkCSSCIIServer::getCssServerStatus() {
 
 void ZenkCSSCIIServer::registerCIIEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*),
                                                 void const* userData) {
-    const Trace trace;
-    CiiServer::setCallback(*this, callback, userData);
-    trace.leave();
+    CiiServer::setCallback(*this, callback, userData, Trace());
 }
 
 void ZenkCSSCIIServer::unRegisterCIIEventCallback() {
-    const Trace trace;
-    CiiServer::setCallback(*this, nullptr, nullptr);
-    trace.leave();
+    CiiServer::setCallback(*this, nullptr, nullptr, Trace());
 }
 
 void ZenkCSSCIIServer::setEnableInterDevSync(bool enable) {
-    const Trace trace;
-    CiiServer::enable(*this, enable);
-    trace.leave();
+    CiiServer::enable(*this, enable, Trace());
 }
 
 void ZenkCSSCIIServer::getCssCiiEndpoint(std::string& endpoint) {
@@ -220,39 +221,18 @@ void ZenkCSSCIIServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* i
 
 // ---------------------------------------------------------------- CSS-TS server
 
-namespace {
-
-struct Ts {
-    using Server = ZenkCSSTSServer;
-    static constexpr char kName[] = "TS", kRefusal[] = "TS Client num reach max number, can't connect";
-    static constexpr const char* kPath = zenk::kTsPath;
-    static constexpr ZenkCSSEvent kNewClient = CSS_EVENT_TS_NEW_CLIENT, kMessage = CSS_EVENT_TS_MESSAGE,
-                                  kClientLeave = CSS_EVENT_TS_CLIENT_LEAVE;
-    static constexpr auto kExists = &Server::tsClientIdExists, kAdd = &Server::addTsClientId;
-    static constexpr auto kGiveUrl = &MediaSyncServer::getCssTsEndpoint;
-};
-using TsServer = zenk::CssServer<Ts>;
-
-}  // namespace
-
 ZenkCSSTSServer* ZenkCSSTSServer::m_instance = nullptr;
 
 ZenkCSSTSServer::ZenkCSSTSServer() {
-    const Trace trace;
-    TsServer::setUp(*this, trace);
-    trace.leave();
+    TsServer::setUp(*this, {}, Trace());
 }
 
 ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) {
-    const Trace trace;
-    TsServer::setUp(*this, trace, initString);
-    trace.leave();
+    TsServer::setUp(*this, initString, Trace());
 }
 
 ZenkCSSTSServer::~ZenkCSSTSServer() {
-    const Trace trace;
-    TsServer::tearDown(*this);
-    trace.leave();
+    TsServer::tearDown(*this, Trace());
 }
 
 void ZenkCSSTSServer::onNewClient(char* uri, int clientId) {
@@ -273,21 +253,15 @@ int ZenkCSSTSServer::getCssServerStatus() {
 
 void ZenkCSSTSServer::registerTSEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*),
                                               void const* userData) {
-    const Trace trace;
-    TsServer::setCallback(*this, callback, userData);
-    trace.leave();
+    TsServer::setCallback(*this, callback, userData, Trace());
 }
 
 void ZenkCSSTSServer::unRegisterTSEventCallback() {
-    const Trace trace;
-    TsServer::setCallback(*this, nullptr, nullptr);
-    trace.leave();
+    TsServer::setCallback(*this, nullptr, nullptr, Trace());
 }
 
 void ZenkCSSTSServer::setEnableInterDevSync(bool enable) {
-    const Trace trace;
-    TsServer::enable(*this, enable);
-    trace.leave();
+    TsServer::enable(*this, enable, Trace());
 }
 
 void ZenkCSSTSServer::getCssTsEndpoint(std::string& endpoint) {
@@ -377,7 +351,7 @@ void ZenkCSSWCServer::startWCServer() {
         return trace.fail();
     }
     // Of two starts at the same moment the bind lets one through; on port 0, where both get one, the flag does.
-    if (exchangeShared(m_running, 1) != 0) return trace.fail();
+    if (zenk::exchangeShared(m_running, 1) != 0) return trace.fail();
     ZenkWallClock* const clock = takeWallClock();
     if (clock == nullptr) {
         trace.fail();
@@ -404,7 +378,7 @@ void ZenkCSSWCServer::startWCServer() {
 // The flag goes first: the loop ends even if it takes the datagram for a request.
 void ZenkCSSWCServer::stopWCServer() {
     const Trace trace;
-    if (exchangeShared(m_running, 0) == 0) return trace.fail();
+    if (zenk::exchangeShared(m_running, 0) == 0) return trace.fail();
     zenk::Socket socket(SOCK_DGRAM);
     if (!socket.isOpen()) return trace.fail();
     zenk::WCExchange::sendWakeWord(socket.fd(), m_port);

@@ -93,9 +93,8 @@ public:
 
     /// Queues a copy of a record. The caller keeps its own and may reuse it at once.
     /// @param info  event, server, client and message. A record is dropped whose server has gone, has never been, is
-    /// not
-    ///              of the event's kind or was built with another dispatcher. Null is refused with an error trace line;
-    ///              without memory the event is lost, with one
+    ///              not of the event's kind or was built with another dispatcher. Null is refused with an error trace
+    ///              line; without memory the event is lost, with one
     /// @thread any, at any time before the destructor; never waits for a callback
     void queueEvent(ZenkDispatcherInfo* info);
 
@@ -153,15 +152,13 @@ public:
     /// then nothing calls the server any more. Clears `m_instance`, whatever server it names. Closes no connection.
     ~ZenkCSSCIIServer() override;
 
-    /// Called by MediaSyncServer for each connection outside App2App; queues CSS_EVENT_CII_NEW_CLIENT if it is one of
-    /// ours.
+    /// Called by MediaSyncServer for each connection outside App2App; queues CSS_EVENT_CII_NEW_CLIENT if it is ours.
     /// @param uri       path and query, zero-terminated; null is refused with an error trace line
     /// @param clientId  an id that is not in the list; else an error trace line
     /// @thread service thread
     void onNewClient(char* uri, int clientId) override;
 
-    /// Called by MediaSyncServer for each message outside App2App; queues CSS_EVENT_CII_MESSAGE with a copy of the
-    /// bytes.
+    /// Called by MediaSyncServer for each message outside App2App; queues CSS_EVENT_CII_MESSAGE with its bytes copied.
     /// @param message   `length` bytes; null gives an error trace line
     /// @param length    bytes, not negative
     /// @param clientId  an id of the list; a message of any other client gives an error trace line
@@ -261,15 +258,13 @@ public:
     /// then nothing calls the server any more. Clears `m_instance`, whatever server it names. Closes no connection.
     ~ZenkCSSTSServer() override;
 
-    /// Called by MediaSyncServer for each connection outside App2App; queues CSS_EVENT_TS_NEW_CLIENT if it is one of
-    /// ours.
+    /// Called by MediaSyncServer for each connection outside App2App; queues CSS_EVENT_TS_NEW_CLIENT if it is ours.
     /// @param uri       path and query, zero-terminated; null is refused with an error trace line
     /// @param clientId  an id that is not in the list; else an error trace line
     /// @thread service thread
     void onNewClient(char* uri, int clientId) override;
 
-    /// Called by MediaSyncServer for each message outside App2App; queues CSS_EVENT_TS_MESSAGE with a copy of the
-    /// bytes.
+    /// Called by MediaSyncServer for each message outside App2App; queues CSS_EVENT_TS_MESSAGE with its bytes copied.
     /// @param message   `length` bytes; null gives an error trace line
     /// @param length    bytes, not negative
     /// @param clientId  an id of the list; a message of any other client gives an error trace line
