@@ -6,7 +6,7 @@
 #include <random>
 #include <thread>
 
-#include "wsserver/socket.h"
+#include "platform/socket.h"
 
 /// Small helpers of the tests that talk over real sockets, all of them on 127.0.0.1.
 namespace zenk_test {
