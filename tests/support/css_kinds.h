@@ -8,7 +8,7 @@ namespace zenk_test {
 struct Cii {
     using Server = ZenkCSSCIIServer;
     static constexpr unsigned kNew = CSS_EVENT_CII_NEW_CLIENT;
-    static constexpr const char *kName = "CII", *kUri = "/css-cii";
+    static constexpr const char* kUri = "/css-cii";
     static constexpr auto kAdd = &Server::addCiiClientId;
     static constexpr auto kRemove = &Server::removeCiiClientId;
     static constexpr auto kExists = &Server::ciiClientIdExists;
@@ -19,7 +19,7 @@ struct Cii {
 struct Ts {
     using Server = ZenkCSSTSServer;
     static constexpr unsigned kNew = CSS_EVENT_TS_NEW_CLIENT;
-    static constexpr const char *kName = "TS", *kUri = "/css-ts";
+    static constexpr const char* kUri = "/css-ts";
     static constexpr auto kAdd = &Server::addTsClientId;
     static constexpr auto kRemove = &Server::removeTsClientId;
     static constexpr auto kExists = &Server::tsClientIdExists;

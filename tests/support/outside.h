@@ -13,7 +13,4 @@ inline std::atomic<int> receives = 0;                   ///< how often it was ca
 inline auto& routes = *new std::optional<std::string>;  ///< the route table; none: it cannot be opened
 inline auto& address = *new std::string;  ///< of every interface; empty: there is none. Test's thread only
 
-/// A route table whose first interface is eth0.
-inline constexpr char kRoutes[] = "header\neth0\t0\t0\t3\t0\t0\t0\t0\t0\t0\t0\n";
-
 }  // namespace outside

@@ -50,6 +50,7 @@ int lws_close(::lws* wsi, int status) {
 }
 
 int lws_rx_flow_control(::lws* wsi, int enable) {
+    if (enable == 0 && zenk_test::g_onHold) zenk_test::g_onHold();
     return record({Action::kReception, wsi, enable, ""});
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,4 +29,6 @@ struct Action {
 std::vector<Action> takeActions();        ///< since the last call, in order
 inline std::optional<int> g_writeResult;  ///< what lws_write answers; by default the length
 inline zenk_ws::EventCallback g_raise;    ///< of the last context that was created
+inline std::function<void()> g_onHold;    ///< called before a client is held, if it is set
+
 }  // namespace zenk_test

@@ -9,10 +9,10 @@
 #include <thread>
 
 #include "tests/support/css_host.h"
+#include "tests/support/css_kinds.h"
 #include "tests/support/sanitizer.h"
 
 static std::atomic<bool> g_refusesThreads = false;
-static std::function<void()> g_beforeHold = [] {};  // called when a client is about to be held
 
 extern "C" {
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -20,31 +20,17 @@ int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* attributes, void*
     const bool isRefused = entry == cssEventThread && g_refusesThreads;
     return isRefused ? EAGAIN : __real_pthread_create(id, attributes, entry, argument);
 }
-// zenk_ws::lws_rx_flow_control()
-int __real__ZN7zenk_ws19lws_rx_flow_controlEP3lwsi(lws*, int);
-int __wrap__ZN7zenk_ws19lws_rx_flow_controlEP3lwsi(lws* wsi, int enable) {
-    if (enable == 0) g_beforeHold();
-    return __real__ZN7zenk_ws19lws_rx_flow_controlEP3lwsi(wsi, enable);
-}
 }
 
 namespace zenk_test {
 namespace {
 
 using Callback = std::function<void(int clientId)>;
-using Holds = std::vector<std::pair<lws*, bool>>;
+using Actions = std::vector<Action>;
 using Events = std::vector<Event>;
 
 void run(ZenkCSSEvent, ZenkCSSEevntInfo* info, void const* callback) {
     (*static_cast<const Callback*>(callback))(info->clientId);
-}
-
-void listen(ZenkCSSCIIServer& css, auto callback, const void* data) {
-    css.registerCIIEventCallback(callback, data);
-}
-
-void listen(ZenkCSSTSServer& css, auto callback, const void* data) {
-    css.registerTSEventCallback(callback, data);
 }
 
 ZenkCSSEventDispatcher* dispatcher() {
@@ -54,8 +40,8 @@ ZenkCSSEventDispatcher* dispatcher() {
 class EventQueue : public FrontEnd {
 protected:
     EventQueue() {
-        build(m_cii, Host::note, &m_host);
-        build(m_ts, run, &m_onTs);
+        build<Cii>(m_cii, Host::note, &m_host);
+        build<Ts>(m_ts, run, &m_onTs);
     }
     ~EventQueue() override {
         m_cii.reset(), m_ts.reset();
@@ -63,10 +49,11 @@ protected:
         EXPECT_TRUE(waitForNoThread());
     }
 
-    template <typename Owner>
-    void build(Owner& css, auto callback, const void* data) {
-        css = std::make_unique<typename Owner::element_type>();
-        listen(*css, callback, data);
+    template <typename Kind>
+    void build(auto& css, ZenkCSSEventCallback callback, const void* data) {
+        css.reset();
+        css.reset(new Kind::Server);
+        ((*css).*Kind::kRegister)(callback, data);
         css->setEnableInterDevSync(true);
         server.addObserver(css.get());
     }
@@ -84,13 +71,8 @@ protected:
         queue(4, m_ts.get(), 1);
         ASSERT_TRUE(m_entered.pass());
     }
-    /// Who was held (true) and who was let go since the last call.
-    static Holds takeHolds() {
-        Holds holds;
-        for (const Action& action : takeActions())
-            if (action.kind == Action::kReception) holds.emplace_back(action.wsi, action.code == 0);
-        return holds;
-    }
+    static Action hold(lws* wsi) { return {Action::kReception, wsi, 0, ""}; }
+    static Action resume(lws* wsi) { return {Action::kReception, wsi, 1, ""}; }
 
     Host m_host;  // of CII
     Callback m_onTs;
@@ -101,41 +83,22 @@ protected:
     const std::string m_megabyte = std::string(1'000'000, 'm');
 };
 
-TEST_F(EventQueue, DeliversInOrderWhatIsMeantForALivingServer) {
-    using namespace std::string_literals;
-    listen(*m_ts, Host::note, &m_host);
-    void *const cii = m_cii.get(), *const ts = m_ts.get();
-    for (const unsigned event : {5u, 0u, 3u, 1u, 4u, 2u}) {
-        queue(event, event <= 2 ? cii : ts, 7, event == 4 ? "a\0b\0"s : "");
-        queue(event, event <= 2 ? ts : cii, 1);  // an event of the other kind of server
-        for (const unsigned unknown : {6u, ~0u}) queue(unknown, ts, 1);
-        for (void* const nobody : {static_cast<void*>(nullptr), static_cast<void*>(&m_host)}) queue(event, nobody, 1);
-        dispatcher()->queueEvent(nullptr);
-    }
-    EXPECT_EQ(cssEventThread(nullptr), nullptr);
-    const Events expected{{5, 7, ""}, {0, 7, ""}, {3, 7, ""}, {1, 7, ""}, {4, 7, "a\0b\0"s}, {2, 7, ""}};
-    EXPECT_EQ(m_host.take(expected.size()), expected);
+TEST_F(EventQueue, DeliversOnlyWhatIsMeantForALivingServer) {
+    m_ts->registerTSEventCallback(Host::note, &m_host);
+    const std::initializer_list<void*> servers{m_cii.get(), m_ts.get(), nullptr, &m_host};
+    for (const unsigned event : {5u, 0u, 3u, 6u, 1u, ~0u, 4u, 2u})
+        for (void* each : servers) queue(event, each, 7);
+    EXPECT_EQ(m_host.take(6), (Events{{5, 7, ""}, {0, 7, ""}, {3, 7, ""}, {1, 7, ""}, {4, 7, ""}, {2, 7, ""}}));
 }
 
-TEST_F(EventQueue, DeliversEachOfManyEventsOnceAndInOrderPerProducer) {
-    constexpr int kEach = kIsSanitized ? 50'000 : 500'000;
-    std::array<int, 2> next{};
+TEST_F(EventQueue, DeliversEachOfManyEventsOnceAndInOrder) {
     std::atomic<int> delivered = 0, misplaced = 0;
-    m_onTs = [&](int number) {
-        misplaced += next[static_cast<std::size_t>(number % 2)]++ == number / 2 ? 0 : 1;
-        ++delivered;
-    };
-    const auto produce = [&](int producer) {
-        for (int i = 0; i < kEach; ++i) {
-            queue(4, m_ts.get(), 2 * i + producer);
-            // Bursts with a pause behind each: the last event of a burst must not wait for the next burst.
-            EXPECT_TRUE(i % 1000 != 999 || waitUntil([&] { return delivered > i; }));
-        }
-    };
-    std::thread other(produce, 1);
-    produce(0);
-    other.join();
-    EXPECT_TRUE(waitUntil([&] { return delivered == 2 * kEach; }));
+    m_onTs = [&](int number) { misplaced += number != delivered ? 1 : 0, ++delivered; };
+    for (int i = 0; i < (kIsSanitized ? 50'000 : 500'000); ++i) {
+        queue(4, m_ts.get(), i);
+        // Bursts with a pause behind each: the last event of a burst must not wait for the next burst.
+        ASSERT_TRUE(i % 1000 != 999 || waitUntil([&] { return delivered > i; }));
+    }
     EXPECT_EQ(misplaced, 0);
 }
 
@@ -173,23 +136,28 @@ TEST_F(EventQueue, AServerThatGoesWaitsForItsCallbackAndLeavesNothingToTheNextIn
     css.reset();  // waits for no foreign callback
     queue(1, &*css, 2, "when it is dead");
     css.emplace();
-    listen(*css, Host::note, &m_host);
+    css->registerCIIEventCallback(Host::note, &m_host);
     css->setEnableInterDevSync(true);
     queue(1, &*css, 3, "for the new one");
-    std::thread opener([this] { m_door.open(); });
+    std::jthread opener([this] { m_door.open(); });
     m_ts.reset();
     EXPECT_TRUE(m_hasPassed);
-    opener.join();
     EXPECT_EQ(m_host.take(1), (Events{{1, 3, "for the new one"}}));
+}
+
+TEST_F(EventQueue, UnregisteringWaitsForTheCallback) {
+    holdUp();
+    std::jthread opener([this] { m_door.open(); });
+    m_ts->unRegisterTSEventCallback();
+    EXPECT_TRUE(m_hasPassed);
 }
 
 TEST_F(EventQueue, ADispatcherThatGoesWaitsForTheCallbackAndDropsTheRest) {
     holdUp();
     queue(1, m_cii.get(), 1, "dropped");
-    std::thread opener([this] { waitUntil([] { return dispatcher() == nullptr; }) ? m_door.open() : abort(); });
+    std::jthread opener([this] { waitUntil([] { return dispatcher() == nullptr; }) ? m_door.open() : abort(); });
     delete dispatcher();
     EXPECT_TRUE(m_hasPassed);
-    opener.join();
     m_cii->addCiiClientId(1);
     m_cii->onClientLeave(1);  // an event for nobody
     const ZenkCSSTSServer later;
@@ -215,81 +183,65 @@ TEST_F(EventQueue, HoldsAClientOfTheServerThatItCameTo) {
         queue(4, m_ts.get(), 1, m_megabyte);
         queue(1, &there, 1, m_megabyte);
     }
-    EXPECT_EQ(takeHolds(), Holds{});
+    EXPECT_EQ(takeActions(), Actions{});
     for (void* css : {m_cii.get(), m_cii.get()}) queue(1, css, 1, m_megabyte);
-    EXPECT_EQ(takeHolds(), (Holds{{here, true}}));
+    EXPECT_EQ(takeActions(), Actions{hold(here)});
     queue(1, &there, 1, m_megabyte);
-    EXPECT_EQ(takeHolds(), (Holds{{away, true}}));
-    away->isOpen = false;
-    second.reset();
+    EXPECT_EQ(takeActions(), Actions{hold(away)});
     second.emplace();
     lws* const next = connectThere(99);
-    EXPECT_EQ(takeHolds(), (Holds{{next, true}})) << "the queue is as full for the new client 1 in the same place";
+    EXPECT_EQ(takeActions(), Actions{hold(next)}) << "the queue is as full for the new client 1 in the same place";
     m_ts.reset();
-    EXPECT_EQ(takeHolds(), (Holds{{here, false}})) << "nobody is held for what will never be delivered";
+    EXPECT_EQ(takeActions(), Actions{resume(here)}) << "nobody is held for what will never be delivered";
     delete dispatcher();
-    EXPECT_EQ(takeHolds(), (Holds{{next, false}}));
+    EXPECT_EQ(takeActions(), Actions{resume(next)});
 }
 
 // The event thread drains the queue, and decides to let the client go, while the other thread is about to hold it.
 TEST_F(EventQueue, HoldsWhoeverSendsWhenAllAreAheadAndALateHoldIsNotTheLastWord) {
     std::atomic<int> delivered = 0;
     m_onTs = [&](int) { m_door.pass(), ++delivered; };
-    g_beforeHold = [&] {
-        m_door.open();
-        EXPECT_TRUE(waitUntil([&] { return delivered > 50; }));
-    };
-    Holds holds;
+    g_onHold = [&] { m_door.open(), waitUntil([&] { return delivered > 50; }); };
     lws* last = nullptr;
-    int count = 0;
-    while (holds.empty() && count < 100) {  // each client below its own mark
+    for (int client = 1; client <= 69; ++client) {  // each below its own mark; 64 MiB, and what is being delivered
+        EXPECT_EQ(takeActions(), Actions{});
         last = connect("/x");
-        queue(4, m_ts.get(), ++count, m_megabyte);
-        holds = takeHolds();
+        queue(4, m_ts.get(), client, m_megabyte);
     }
-    EXPECT_EQ(count, 69) << "64 MiB, and what is being delivered";
-    EXPECT_EQ(holds, (Holds{{last, true}, {last, false}}));
-    EXPECT_TRUE(waitUntil([&] { return delivered == count; }));
-    g_beforeHold = [] {};
+    EXPECT_EQ(takeActions(), (Actions{hold(last), resume(last)}));
+    EXPECT_TRUE(waitUntil([&] { return delivered == 69; }));
+    g_onHold = nullptr;
 }
 
-// Servers and dispatcher go in every order, one by one, at once, and from a callback, while the service thread floods.
+// Servers and dispatcher go in every order, two at once or the first from a callback, while the service thread floods.
 TEST_F(EventQueue, LivesTwoThousandLives) {
     lws* const both = connect("/css-cii/css-ts");
-    std::atomic<bool> isOver = false;
-    std::thread service([&] {
-        while (!isOver) message(both, "message");
+    const std::jthread service([&](const std::stop_token& end) {
+        while (!end.stop_requested()) message(both, "message");
     });
-    std::array<std::size_t, 3> order{0, 1, 2};
     const std::array<std::function<void()>, 3> ends{[&] { m_cii.reset(); }, [&] { m_ts.reset(); },
                                                     [] { delete dispatcher(); }};
+    std::array<std::size_t, 3> order{0, 1, 2};
     for (int life = 0; life < 2000; ++life, std::ranges::next_permutation(order)) {
         for (const auto& end : ends) end();
+        const bool isFromCallback = life / 6 % 2 == 0;
         std::atomic<int> delivered = 0;
-        std::atomic<bool> isFirstGone = false;
+        std::atomic<bool> isBuilt = false, isFirstGone = false;
         const Callback count = [&](int) { ++delivered; }, destroy = [&](int) {
-            if (!isFirstGone) ends[order[0]]();
-            isFirstGone = true;
+            ++delivered;
+            if (isFromCallback && isBuilt && !isFirstGone) ends[order[0]](), isFirstGone = true;
         };
-        const bool isFromCallback = life / 6 % 3 == 0, isAtOnce = life / 6 % 3 == 1, isByCii = order[0] == 1;
-        std::thread builder([&] { build(m_cii, run, isFromCallback && isByCii ? &destroy : &count); });
-        build(m_ts, run, isFromCallback && !isByCii ? &destroy : &count);
+        std::thread builder([&] { build<Cii>(m_cii, run, order[0] == 0 ? &count : &destroy); });
+        build<Ts>(m_ts, run, order[0] == 0 ? &destroy : &count);
         builder.join();
-        void* const built[]{m_cii.get(), m_ts.get(), nullptr};
-        // Who is destroyed first is fed first: from then on a callback of the other one may do it.
-        if (isByCii) m_ts->addTsClientId(1);
-        m_cii->addCiiClientId(1);
-        if (!isByCii) m_ts->addTsClientId(1);
+        m_cii->addCiiClientId(1), m_ts->addTsClientId(1);
+        isBuilt = true;
         EXPECT_TRUE(waitUntil([&] { return isFromCallback ? isFirstGone.load() : delivered > 2; }));
-        std::thread other([&] { isAtOnce ? ends[order[0]]() : void(); });
-        if (!isAtOnce && !isFromCallback) ends[order[0]]();
-        if (dispatcher() != nullptr && !isAtOnce) queue(order[0] == 0 ? 1 : 4, built[order[0]], 1);
+        std::thread other([&] { isFromCallback ? void() : ends[order[0]](); });
         ends[order[1]]();
         other.join();
         ends[order[2]]();
     }
-    isOver = true;
-    service.join();
 }
 
 }  // namespace

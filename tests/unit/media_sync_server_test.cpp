@@ -1,10 +1,10 @@
 // Connections, observers and pairs over a stand-in of the layer: who is told what, and what is written to whom.
 #include <algorithm>
 #include <climits>
+#include <functional>
 #include <future>
 #include <list>
 #include <random>
-#include <utility>
 
 #include "tests/support/front_end.h"
 #include "wsserver/client_ids.h"
@@ -36,13 +36,6 @@ struct Listener : ClientObserver {
 
 class Front : public zenk_test::FrontEnd {
 protected:
-    lws* open(int fd, const std::string& uri) {
-        Text path = uri.substr(0, uri.find('?')), query;
-        if (path->size() < uri.size()) query = uri.substr(path->size() + 1);
-        if (path->empty()) path.reset();
-        return FrontEnd::open(fd, path, query);
-    }
-
     Listener first, second;
 };
 
@@ -50,11 +43,10 @@ TEST_F(Front, UrlsOutliveTheirConnectionForAWhileAndIdsGoOnAtOne) {
     server.addObserver(&first);
     lws* const css = connect("/css-cii/a-path-too-long-to-stand-inside-a-string-object", "q");
     const char* const url = first.getUrl(1);
-    std::string copy = url, kept = "kept";
+    std::string copy = url;
     close(css);
     EXPECT_STREQ(first.getUrl(1), "NONE");
-    EXPECT_FALSE(first.copyUrl(1, kept));
-    EXPECT_EQ(kept, "kept");
+    EXPECT_FALSE(first.copyUrl(1, copy));
     for (int i = 0; i < 255; ++i) close(connect("/another"));
     EXPECT_EQ(url, copy);
     EXPECT_EQ(nextClientId(INT_MAX - 1, {{1, nullptr}, {2, nullptr}, {INT_MAX, nullptr}}), 3) << "not one in use";
@@ -63,9 +55,7 @@ TEST_F(Front, UrlsOutliveTheirConnectionForAWhileAndIdsGoOnAtOne) {
 TEST_F(Front, ObserversMayLeaveInsideACallAndOutliveTheirServer) {
     auto leaving = std::make_unique<Listener>();
     auto other = std::make_unique<MediaSyncServer>();
-    for (ClientObserver* each : std::initializer_list<ClientObserver*>{leaving.get(), &first, leaving.get(), &second}) {
-        server.addObserver(each);
-    }
+    for (Listener* each : {leaving.get(), &first, leaving.get(), &second}) server.addObserver(each);
     first.inCall = [&] { leaving == nullptr ? server.removeObserver(&first) : leaving.reset(); };
     close(connect("/a"));
     EXPECT_EQ(first.take(), (Heard{"new 1 /a", "left 1"}));
@@ -98,19 +88,19 @@ TEST_F(Front, RemovalWaitsForARunningCall) {
 TEST_F(Front, HostThreadsNeverReachAClosedConnection) {
     server.addObserver(&first);
     const std::string path = "/css-cii/some/path/of/a/certain/length";
-    std::atomic<bool> isOver = false;
-    const auto host = [&](int seed) {
-        for (int i = seed; !isOver; ++i) {
+    const std::jthread host([&](const std::stop_token& end) {
+        for (int i = 0; !end.stop_requested(); ++i) {
             Listener passing;
             server.addObserver(&passing);
-            first.sendMessage(const_cast<char*>("x"), 1, i % 7 == 0 ? -1 : i % 300);
+            char text[] = "x";
+            first.sendMessage(text, 1, i % 7 == 0 ? -1 : i % 300);
             if (i % 5 == 0) first.closeClientConnection(i % 300);
-            std::string url;
-            EXPECT_EQ(first.copyUrl(i % 300, url) ? path : "", url);
+            std::string url = path;
+            first.copyUrl(i % 300, url);
+            EXPECT_EQ(url, path);
             EXPECT_NE(first.getUrl(i % 300)[0], '\0');
         }
-    };
-    std::future<void> hosts[] = {std::async(std::launch::async, host, 0), std::async(std::launch::async, host, 1)};
+    });
     std::list<lws*> connections;
     for (int i = 0; i < 300; ++i) {
         connections.push_back(connect(path));
@@ -118,64 +108,63 @@ TEST_F(Front, HostThreadsNeverReachAClosedConnection) {
         if (i % 3 == 0) close(connections.front()), connections.pop_front();
         takeActions();  // or they fill the memory
     }
-    isOver = true;
-    for (auto& each : hosts) each.wait();
 }
 
 /// The rules of pairing as plain walks over a list.
 struct Model {
     struct Record {
         std::string endpoint;
-        lws* side[2] = {nullptr, nullptr};  // local, remote
+        lws* sides[2] = {nullptr, nullptr};  // local, remote
     };
     std::list<Record> list;
     std::vector<Action> actions;
     bool isEnabled = false;
 
     void connect(const std::string& endpoint, int side, lws* wsi) {
-        auto r = std::find_if(list.begin(), list.end(), [&](const Record& each) {
-            return each.endpoint == endpoint && each.side[side] == nullptr;
-        });
+        auto r = std::ranges::find_if(
+            list, [&](const Record& each) { return each.endpoint == endpoint && each.sides[side] == nullptr; });
         const bool isMet = r != list.end() && isEnabled;
         if (r == list.end()) r = list.insert(r, Record{endpoint});
-        r->side[side] = wsi;
-        for (lws* each : r->side) {
+        r->sides[side] = wsi;
+        for (lws* each : r->sides)
             if (isMet) actions.push_back({Action::kWrite, each, 0, "pairingcompleted"});
-        }
     }
     /// What befalls a connection: bytes from it, or its end. @return whether it is one of a pair
     bool act(lws* wsi, const std::string* bytes, bool isBinary) {
-        const auto holds = [wsi](const Record& each) { return each.side[0] == wsi || each.side[1] == wsi; };
-        const auto r = std::find_if(list.begin(), list.end(), holds);
+        const auto r =
+            std::ranges::find_if(list, [&](Record& each) { return std::ranges::count(each.sides, wsi) > 0; });
         if (r == list.end()) return false;
-        const int side = r->side[0] == wsi ? 0 : 1;
-        lws* const other = r->side[1 - side];
-        if (bytes == nullptr) r->side[side] = nullptr;
-        if (bytes != nullptr && isEnabled && other != nullptr) {
+        lws*& side = r->sides[r->sides[0] == wsi ? 0 : 1];
+        lws* const other = r->sides[r->sides[0] == wsi ? 1 : 0];
+        if (bytes == nullptr) side = nullptr;
+        if (bytes == nullptr && other == nullptr) list.erase(r);
+        if (bytes == nullptr && other != nullptr) actions.push_back({Action::kClose, other, 1000, ""});
+        if (bytes != nullptr && other != nullptr && isEnabled)
             actions.push_back({Action::kWrite, other, isBinary ? 1 : 0, *bytes});
-        } else if (bytes == nullptr && other != nullptr) {
-            actions.push_back({Action::kClose, other, 1000, ""});
-        } else if (bytes == nullptr) {
-            list.erase(r);
-        }
         return true;
     }
 };
 
 // What stands behind "/local/hbbtv/" or "/remote/hbbtv/", and the endpoint that it names.
-const std::string kRests[] = {"token/a", "other/a", "a", "t/", "", "/hbbtv/a", "a?b=c/a", "t/a?", "t/A"};
-const std::string kEndpoints[] = {"/a", "/a", "a", "/", "", "/hbbtv/a", "/a", "/a?", "/A"};
-const std::string kOtherUris[] = {"/local/hbbtv", "/css-cii/x", "?/local/hbbtv/t/a", "/Remote/hbbtv/t/a?x=1", ""};
+const std::pair<std::string, std::string> kRests[] = {{"token/a", "/a"}, {"other/a", "/a"}, {"a", "a"},
+                                                      {"t/", "/"},       {"", ""},          {"/hbbtv/a", "/hbbtv/a"},
+                                                      {"a?b=c/a", "/a"}, {"t/a?", "/a?"},   {"t/A", "/A"}};
+const std::string kOthers[] = {"/local/hbbtv", "/css-cii/x", "?/local/hbbtv/t/a", "/Remote/hbbtv/t/a?x=1", ""};
 
 // Connections come, speak and go, the host speaks, closes and changes its mind. Sockets are few and used again.
 TEST_F(Front, FollowsItsModelInRandomSequences) {
     struct Peer {
         lws* wsi;
-        int fd, id;
+        int id;
         std::string uri;
     };
     std::mt19937 random(20240607);
     const auto draw = [&random](std::size_t count) { return static_cast<int>(random() % count); };
+    const auto openUri = [this](int fd, const std::string& uri) {
+        const std::size_t query = std::min(uri.find('?'), uri.size());
+        return open(fd, query == 0 ? Text() : uri.substr(0, query),
+                    query == uri.size() ? Text() : uri.substr(query + 1));
+    };
     std::vector<Peer> peers;
     Model model;
     Heard expected;
@@ -189,17 +178,18 @@ TEST_F(Front, FollowsItsModelInRandomSequences) {
             const int fd = 1 + draw(24), side = draw(4), at = draw(9);
             const int status = first.status == 1 || first.status == 2 ? first.status : second.status;
             const int refusal = side < 2 ? 0 : status == 1 ? 403 : status == 2 ? 503 : 0;
+            const auto& [rest, endpoint] = kRests[at];
             const std::string uri =
-                side > 1 ? kOtherUris[at % 5] : (side == 0 ? "/local/hbbtv/" : "/remote/hbbtv/") + kRests[at];
-            if (std::ranges::any_of(peers, [fd](const Peer& peer) { return peer.fd == fd; })) continue;
-            lws* const wsi = open(fd, uri);
+                side > 1 ? kOthers[at % 5] : (side == 0 ? "/local/hbbtv/" : "/remote/hbbtv/") + rest;
+            if (std::ranges::any_of(peers, [fd](const Peer& peer) { return peer.wsi->socketFd == fd; })) continue;
+            lws* const wsi = openUri(fd, uri);
             ASSERT_EQ(filter(wsi), refusal);
             if (refusal != 0 || draw(16) == 0) continue;  // that one fails for another reason
-            if (draw(16) == 0) filter(open(99, "/another?handshake"));
+            if (draw(16) == 0) filter(openUri(99, "/another?handshake"));
             establish(wsi);
-            peers.push_back({wsi, fd, ++lastId, uri});
+            peers.push_back({wsi, ++lastId, uri});
             side > 1 ? expected.push_back("new " + std::to_string(lastId) + " " + uri)
-                     : model.connect(kEndpoints[at], side, wsi);
+                     : model.connect(endpoint, side, wsi);
         } else if (kind == 4) {
             const int act = draw(3), id = draw(3) == 0 ? draw(3) - 1 : chosen->id;  // -1 is everybody
             if (act == 0) first.sendMessage(bytes.data(), length, id);
@@ -207,11 +197,9 @@ TEST_F(Front, FollowsItsModelInRandomSequences) {
             if (act == 2) first.closeClientConnection(id);
             const Action action{act == 2 ? Action::kClose : Action::kWrite, nullptr, act == 2 ? 1001 : 0,
                                 act == 2 ? "" : bytes};
-            for (const Peer& peer : peers) {
-                if (act == 1 ? peer.id == id : id != -1 && peer.id != id) continue;
-                model.actions.push_back(action);
-                model.actions.back().wsi = peer.wsi;
-            }
+            for (const Peer& peer : peers)
+                if (act == 1 ? peer.id != id : id == -1 || peer.id == id)
+                    model.actions.push_back(action), model.actions.back().wsi = peer.wsi;
         } else if (kind == 5) {
             first.status = draw(4);
             second.status = draw(4);

@@ -47,7 +47,6 @@ protected:
     RecordingClient client;
     std::unique_ptr<ClientSessionData> session = std::make_unique<ClientSessionData>();
     lws connection{7};
-    lws* const wsi = &connection;
 };
 
 TEST_F(Service, HandsEventsOnAndSurvivesAClientThatThrows) {
@@ -55,7 +54,7 @@ TEST_F(Service, HandsEventsOnAndSurvivesAClientThatThrows) {
         {20, "", 403}, {0, "", 0}, {4, "", -1}, {26, "permessage-deflate", 0}, {26, "x", 1}, {99, "", 0}};
     for (const auto& [event, in, result] : cases) EXPECT_EQ(raise(event, in), result) << event;
     EXPECT_EQ(client.heard, "connect close ");
-    EXPECT_TRUE(client.m_wsi == wsi && client.m_sessionData == session.get());
+    EXPECT_TRUE(client.m_wsi == &connection && client.m_sessionData == session.get());
     client.throws = true;
     EXPECT_EQ(raise(20), 503);
     receive("boom", true, false);
@@ -65,17 +64,14 @@ TEST_F(Service, HandsEventsOnAndSurvivesAClientThatThrows) {
 }
 
 TEST_F(Service, GathersFragmentsCutsThemAtTheLimitAndLeavesNothingBehind) {
-    const std::string half(20000, 'x'), full(kMaxMessageBytes, 'a'), end(1, '\0');  // behind a shorter one
+    const std::string full(kMaxMessageBytes, 'a'), end(1, '\0');  // behind a shorter one
     const std::tuple<std::vector<std::string>, bool, std::string, int> cases[] = {
-        {{half, half}, true, half + half + end, 0},
-        {{"abc", ""}, false, "abc" + end, 0},
-        {{""}, false, end, 0},
+        {{"abc", "", "d"}, false, "abcd" + end, 0},
         {{full, ""}, true, full, 0},
         {{full.substr(1), "bcd", "e", ""}, true, full.substr(1) + "b", 2},
         {{full.substr(1), "\xC3\xA9", ""}, false, full.substr(1) + end, 1},
         {{full.substr(3), "\xF0\x9F\x98\x80"}, false, full.substr(3) + end, 0},
-        {{full.substr(2), "\xE2\x82\xAC"}, false, full.substr(2) + end, 0},
-        {{full.substr(3), "\xE2\x82\xAC" + half}, false, full.substr(3) + "\xE2\x82\xAC", 0}};
+        {{full.substr(3), "\xE2\x82\xAC" + full}, false, full.substr(3) + "\xE2\x82\xAC", 0}};
     for (const auto& [fragments, isBinary, whole, overruns] : cases) {
         testing::internal::CaptureStdout();
         for (const std::string& each : fragments) receive(each, &each == &fragments.back(), isBinary);
@@ -83,7 +79,7 @@ TEST_F(Service, GathersFragmentsCutsThemAtTheLimitAndLeavesNothingBehind) {
         EXPECT_EQ(client.last, whole);
         EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), overruns) << told;
     }
-    EXPECT_EQ(client.heard, "binary text text binary binary text text text text ");
+    EXPECT_EQ(client.heard, "text binary binary text text text ");
 }
 
 // Nothing here asks for this event, but a host's layer may.
@@ -94,8 +90,8 @@ TEST_F(Service, SendsTheLastFragmentBackWhenWriteable) {
     EXPECT_EQ(raise(11), 0);
     const auto actions = zenk_test::takeActions();
     ASSERT_EQ(actions.size(), 4U);
-    EXPECT_EQ(actions[0], (Action{Action::kWrite, wsi, 1 | 64, "ab"}));
-    EXPECT_EQ(actions[2], (Action{Action::kWrite, wsi, 2, std::string(kMaxMessageBytes, '\0')})) << "a continuation";
+    EXPECT_EQ(actions[0], (Action{Action::kWrite, &connection, 1 | 64, "ab"}));
+    EXPECT_EQ(actions[2], (Action{Action::kWrite, &connection, 2, std::string(kMaxMessageBytes, '\0')}));
     receive("def", true, false);
     for (const auto& [written, result] : {std::pair{-5, 1}, {2, -1}}) {
         zenk_test::g_writeResult = written;
