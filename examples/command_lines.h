@@ -1,29 +1,24 @@
 #pragma once
 
-#include <functional>
+#include <stop_token>
 #include <string>
-#include <string_view>
 #include <thread>
 
+#include "examples/television.h"
+
 /// Reads commands from standard input, one a line, and prints the answers. The end of the input ends the reading and
-/// nothing else. Built while standard input is open or the null device.
+/// nothing else; the last line needs no newline. In the background of a terminal, where reading fails, it waits until
+/// the host is brought back. Built while standard input is open or the null device.
 class CommandLines {
 public:
-    using Execute = std::function<std::string(std::string_view command)>;
-
-    /// @param execute  called on a thread of ours until the destructor returns
-    explicit CommandLines(Execute execute);
-    ~CommandLines();
-    CommandLines(const CommandLines&) = delete;
-    CommandLines& operator=(const CommandLines&) = delete;
+    /// `television` gets the commands on a thread of ours, and must outlive this object.
+    explicit CommandLines(Television& television);
 
 private:
-    void run();
-    bool waitForInput() const;
-    void take(std::string_view bytes);
+    void run(const std::stop_token& end);
+    void take(char c);
 
-    const Execute m_execute;
-    std::string m_line;  // our thread's: what has come of a line
-    const int m_end;     // an eventfd; readable when we shall end
-    std::thread m_thread;
+    Television& m_television;
+    std::string m_line;     // our thread's: what has come of a line
+    std::jthread m_thread;  // last, so that it ends first
 };

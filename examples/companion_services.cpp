@@ -1,10 +1,7 @@
 #include "examples/companion_services.h"
 
 #include <stdexcept>
-#include <string_view>
-#include <utility>
-
-#include "examples/print_line.h"
+#include <variant>
 
 namespace {
 
@@ -23,21 +20,21 @@ void send(ClientObserver& server, int clientId, std::string text) {
     server.sendMessage(text.data(), static_cast<int>(text.size()), clientId);
 }
 
-/// The library hands the user pointer back as it got it, only const.
-CompanionServices& fromUserData(void const* self) {
-    return *const_cast<CompanionServices*>(static_cast<const CompanionServices*>(self));
-}
-
 }  // namespace
 
-CompanionServices::CompanionServices(MediaSyncServer& server, Television& television, Television::Clock clock)
-    : m_television(television), m_clock(std::move(clock)) {
+CompanionServices::CompanionServices(MediaSyncServer& server, bool isEnabled, Television& television,
+                                     Television::Clock clock, const Endpoints& urls)
+    : m_television(television), m_clock(std::move(clock)), m_urls(urls) {
     server.addObserver(&m_cii);
     server.addObserver(&m_ts);
     // Without a user pointer the library never calls back.
-    m_cii.registerCIIEventCallback(&CompanionServices::onCiiEvent, this);
-    m_ts.registerTSEventCallback(&CompanionServices::onTsEvent, this);
+    m_cii.registerCIIEventCallback(&CompanionServices::onEvent, this);
+    m_ts.registerTSEventCallback(&CompanionServices::onEvent, this);
     m_television.listen([this](const Scene& scene) { onSceneChange(scene); });
+    if (!isEnabled) return;
+    // A disabled server refuses the clients of the other one too, so both are enabled or none.
+    m_cii.setEnableInterDevSync(true);
+    m_ts.setEnableInterDevSync(true);
 }
 
 CompanionServices::~CompanionServices() {
@@ -47,33 +44,21 @@ CompanionServices::~CompanionServices() {
     m_ts.unRegisterTSEventCallback();
 }
 
-void CompanionServices::enable(const std::string& tsUrl, const std::string& wcUrl) {
-    m_tsUrl = tsUrl;
-    m_wcUrl = wcUrl;
-    // A disabled server refuses the clients of the other one too, so both are enabled or none.
-    m_cii.setEnableInterDevSync(true);
-    m_ts.setEnableInterDevSync(true);
-}
-
 // A callback must not register or unregister callbacks, destroy its server, or keep `info` after its return. While it
 // runs, all later events of both servers wait.
-void CompanionServices::onCiiEvent(ZenkCSSEvent event, ZenkCSSEevntInfo* info, void const* self) {
-    CompanionServices& host = fromUserData(self);
+void CompanionServices::onEvent(ZenkCSSEvent event, ZenkCSSEevntInfo* info, void const* self) {
+    // The library hands the user pointer back as it got it, only const.
+    auto& host = *static_cast<CompanionServices*>(const_cast<void*>(self));
+    const int clientId = info->clientId;
     printEvent(event, *info);
     const std::lock_guard lock(host.m_mutex);
-    if (event == CSS_EVENT_CII_CLIENT_LEAVE) host.m_ciiClients.erase(info->clientId);
+    if (event == CSS_EVENT_CII_CLIENT_LEAVE) host.m_ciiClients.erase(clientId);
+    if (event == CSS_EVENT_TS_CLIENT_LEAVE) host.m_followers.erase(clientId);
+    if (event == CSS_EVENT_TS_NEW_CLIENT) host.m_followers.try_emplace(clientId);
+    if (event == CSS_EVENT_TS_MESSAGE) host.onTsMessage(clientId, info->message);
     if (event != CSS_EVENT_CII_NEW_CLIENT) return;
-    host.m_ciiClients.insert(info->clientId);
-    host.sendCii(info->clientId);
-}
-
-void CompanionServices::onTsEvent(ZenkCSSEvent event, ZenkCSSEevntInfo* info, void const* self) {
-    CompanionServices& host = fromUserData(self);
-    printEvent(event, *info);
-    const std::lock_guard lock(host.m_mutex);
-    if (event == CSS_EVENT_TS_NEW_CLIENT) host.m_followers.try_emplace(info->clientId);
-    if (event == CSS_EVENT_TS_CLIENT_LEAVE) host.m_followers.erase(info->clientId);
-    if (event == CSS_EVENT_TS_MESSAGE) host.onTsMessage(info->clientId, info->message);
+    host.m_ciiClients.insert(clientId);
+    host.sendCii(clientId);
 }
 
 /// The first message must be setup data. Later ones tell what the client can play, which a host that coordinates
@@ -82,11 +67,12 @@ void CompanionServices::onTsMessage(int clientId, const std::string& message) tr
     const auto client = m_followers.find(clientId);
     if (client == m_followers.end()) return;  // sent away, but some of its messages had come before
     Follower& follower = client->second;
-    if (follower.setup && !css::isSetup(message)) {
-        printLine("ts client " + std::to_string(clientId) + " can play: " + css::readAptEptLpt(message));
+    const auto content = css::readTsMessage(message, !follower.setup);
+    if (const auto* const readiness = std::get_if<css::Readiness>(&content)) {
+        printLine("ts client " + std::to_string(clientId) + " can play: " + *readiness);
         return;
     }
-    follower.setup = css::readSetup(message);
+    follower.setup = std::get<css::Setup>(content);
     sendTimestamp(clientId, follower, m_clock());
 } catch (const std::runtime_error& wrong) {
     printLine("ts client " + std::to_string(clientId) + " is sent away: its message " + wrong.what());
@@ -106,7 +92,7 @@ void CompanionServices::onSceneChange(const Scene& scene) {
 }
 
 void CompanionServices::sendCii(int clientId) {
-    send(m_cii, clientId, css::cii(m_scene, m_tsUrl, m_wcUrl));
+    send(m_cii, clientId, css::cii(m_scene, m_urls.cssTs, m_urls.cssWc));
 }
 
 void CompanionServices::sendTimestamp(int clientId, Follower& follower, std::int64_t wallClockNs) {

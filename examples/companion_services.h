@@ -6,12 +6,34 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "examples/css_messages.h"
-#include "examples/limited_server.h"
+#include "examples/endpoints.h"
+#include "examples/screen.h"
 #include "examples/television.h"
 #include "wsserver/media_sync_server.h"
 #include "wsserver/zenk_dvbCss.h"
+
+/// A CSS server that tells when a client is refused because it is full: one that is full refuses the clients of the
+/// other, too, and then nobody would know why.
+/// @tparam Server  ZenkCSSCIIServer or ZenkCSSTSServer
+template <typename Server>
+class LimitedServer : public Server {
+public:
+    explicit LimitedServer(std::string name) : m_name(std::move(name)) {}
+
+    /// Asked for each client that comes, on the service thread.
+    int getCssServerStatus() override {
+        const int status = Server::getCssServerStatus();
+        constexpr int kFull = 2;
+        if (status == kFull) printLine("refused a client: " + m_name + " has as many as MSMaxClientNum allows");
+        return status;
+    }
+
+private:
+    const std::string m_name;
+};
 
 /// The host's side of CSS-CII and CSS-TS: tells CII clients what the television shows and TS clients where its
 /// timelines are, at first and after each change. Prints a line for each event: "event N client ID bytes LEN", what it
@@ -21,19 +43,12 @@
 /// the threads on which the television changes.
 class CompanionServices {
 public:
-    /// Both servers become observers of `server`; they refuse clients until enable(). `server`, `television`, what
+    /// Both servers become observers of `server`; if not enabled they refuse all clients. `server`, `television`, what
     /// `clock` needs, and the event dispatcher must outlive this object.
-    CompanionServices(MediaSyncServer& server, Television& television, Television::Clock clock);
+    /// @param urls  what CII clients are told
+    CompanionServices(MediaSyncServer& server, bool isEnabled, Television& television, Television::Clock clock,
+                      const Endpoints& urls);
     ~CompanionServices();
-    CompanionServices(const CompanionServices&) = delete;
-    CompanionServices& operator=(const CompanionServices&) = delete;
-
-    /// Lets clients in. The URLs are what CII clients are told.
-    void enable(const std::string& tsUrl, const std::string& wcUrl);
-
-    /// Both leave `url` empty when the receiver has no IPv4 address.
-    void getCiiUrl(std::string& url) { m_cii.getCssCiiEndpoint(url); }
-    void getTsUrl(std::string& url) { m_ts.getCssTsEndpoint(url); }
 
 private:
     struct Follower {
@@ -41,8 +56,7 @@ private:
         bool isFollowing = false;         // whether its last timestamp had a time in it
     };
 
-    static void onCiiEvent(ZenkCSSEvent event, ZenkCSSEevntInfo* info, void const* self);
-    static void onTsEvent(ZenkCSSEvent event, ZenkCSSEevntInfo* info, void const* self);
+    static void onEvent(ZenkCSSEvent event, ZenkCSSEevntInfo* info, void const* self);
     void onTsMessage(int clientId, const std::string& message);
     void onSceneChange(const Scene& scene);
     void sendCii(int clientId);
@@ -50,8 +64,7 @@ private:
 
     Television& m_television;  // safe to use from any thread
     const Television::Clock m_clock;
-    std::string m_tsUrl;  // constant from enable() on, before anybody is served
-    std::string m_wcUrl;  // the same
+    const Endpoints m_urls;
 
     // Guards what follows. Held through sending, which never waits, so that each client gets its messages in the order
     // of the changes; never while the library waits for a callback of ours.

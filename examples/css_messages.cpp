@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <stdexcept>
 #include <utility>
 
@@ -10,35 +11,22 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-Json objectOf(const std::string& message) {
-    Json object = Json::parse(message, nullptr, false);
-    if (object.is_discarded()) throw std::runtime_error("is no JSON");
-    if (!object.is_object()) throw std::runtime_error("is no JSON object");
-    return object;
-}
-
-const std::string& textOf(const Json& object, const std::string& key) {
-    const auto found = object.find(key);
-    if (found == object.end()) throw std::runtime_error("has no " + key);
-    if (!found->is_string()) throw std::runtime_error("has a " + key + " that is no text");
-    return found->get_ref<const std::string&>();
-}
-
-// Times travel as decimal texts: a JSON number would lose digits in some clients.
-bool isTime(const std::string& text) {
-    constexpr std::size_t kMaxDigits = 20;  // what 64 bits may need
-    const std::size_t sign = text.starts_with('-') ? 1 : 0;
-    return text.size() > sign && text.size() <= kMaxDigits && text.find_first_not_of("0123456789", sign) == text.npos;
+std::string textOf(const Json& object, const std::string& key) {
+    const Json text = object.value(key, Json());
+    if (!text.is_string()) throw std::runtime_error("has no text " + key);
+    return text;
 }
 
 /// One of the three points of an AptEptLpt message. @param limit  the text for "without a limit", if it may be so
-std::string readPoint(const Json& message, const std::string& name, const std::string& limit) {
-    const auto point = message.find(name);
-    if (point == message.end() || !point->is_object()) throw std::runtime_error("has no object " + name);
-    const std::string& contentTime = textOf(*point, "contentTime");
-    const std::string& wallClockTime = textOf(*point, "wallClockTime");
-    if (!isTime(contentTime)) throw std::runtime_error("has no whole number as contentTime of " + name);
-    if (!isTime(wallClockTime) && (limit.empty() || wallClockTime != limit))
+std::string readPoint(const Json& message, const std::string& name, const std::string& limit = "") {
+    // Times travel as decimal texts, since a JSON number would lose digits in some clients; so many may 64 bits need.
+    static const std::regex time("-?[0-9]{1,19}");
+    const Json point = message.value(name, Json());
+    if (!point.is_object()) throw std::runtime_error("has no object " + name);
+    const std::string contentTime = textOf(point, "contentTime");
+    const std::string wallClockTime = textOf(point, "wallClockTime");
+    if (!std::regex_match(contentTime, time)) throw std::runtime_error("has no whole number as contentTime of " + name);
+    if (!std::regex_match(wallClockTime, time) && (limit.empty() || wallClockTime != limit))
         throw std::runtime_error("has no time as wallClockTime of " + name);
     return name + " " + contentTime + " at " + wallClockTime;
 }
@@ -68,19 +56,13 @@ std::string cii(const Scene& scene, const std::string& tsUrl, const std::string&
     return message.dump();
 }
 
-bool isSetup(const std::string& message) {
+std::variant<Setup, Readiness> readTsMessage(const std::string& message, bool isFirst) {
     const Json object = Json::parse(message, nullptr, false);
-    return object.is_object() && (object.contains("contentIdStem") || object.contains("timelineSelector"));
-}
-
-Setup readSetup(const std::string& message) {
-    const Json object = objectOf(message);
-    return {textOf(object, "contentIdStem"), textOf(object, "timelineSelector")};
-}
-
-std::string readAptEptLpt(const std::string& message) {
-    const Json object = objectOf(message);
-    const std::string actual = object.contains("actual") ? readPoint(object, "actual", "") + ", " : "";
+    if (object.is_discarded()) throw std::runtime_error("is no JSON");
+    if (!object.is_object()) throw std::runtime_error("is no JSON object");
+    if (isFirst || object.contains("contentIdStem") || object.contains("timelineSelector"))
+        return Setup{textOf(object, "contentIdStem"), textOf(object, "timelineSelector")};
+    const std::string actual = object.contains("actual") ? readPoint(object, "actual") + ", " : "";
     return actual + readPoint(object, "earliest", "minusinfinity") + ", " + readPoint(object, "latest", "plusinfinity");
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <variant>
 
 #include "examples/television.h"
 
@@ -14,18 +15,16 @@ struct Setup {
     std::string timelineSelector;  ///< and this timeline of them
 };
 
+/// What a CSS-TS client tells about the times at which it can play, in words for people.
+using Readiness = std::string;
+
 /// @return a whole CII message: what is on, and where the other services are
 std::string cii(const Scene& scene, const std::string& tsUrl, const std::string& wcUrl);
 
-/// @return whether `message` is setup data by its keys, right or wrong; anything else must be an AptEptLpt message
-bool isSetup(const std::string& message);
-
-/// Reads setup data. @throw std::runtime_error with the reason why it is none
-Setup readSetup(const std::string& message);
-
-/// Reads what a client tells about the times at which it can play. @return the message in words for people
+/// Reads what a CSS-TS client has sent: setup data by its keys, or else an AptEptLpt message.
+/// @param isFirst  whether it is its first message, which must be setup data
 /// @throw std::runtime_error with the reason why it is none
-std::string readAptEptLpt(const std::string& message);
+std::variant<Setup, Readiness> readTsMessage(const std::string& message, bool isFirst);
 
 /// @return whether a client with this setup has a timeline to follow
 bool isFollowing(const Setup& setup, const Scene& scene);

@@ -1,12 +1,12 @@
 #include "examples/page_server.h"
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-
 #include <chrono>
 #include <cstdio>
+#include <regex>
 #include <stdexcept>
 #include <utility>
+
+#include "examples/documents.h"
 
 namespace {
 
@@ -16,6 +16,7 @@ constexpr std::size_t kMaxIgnoredBytes = std::size_t{16} * 1024 * 1024;
 // Each open connection holds one; browsers open some ahead and leave them silent.
 constexpr std::size_t kThreads = 16;
 constexpr std::chrono::seconds kPatience{2};
+constexpr const char* kJson = "application/json";
 
 httplib::Server::HandlerResponse refuse(httplib::Response& response, int status, const char* why) {
     response.status = status;
@@ -23,42 +24,24 @@ httplib::Server::HandlerResponse refuse(httplib::Response& response, int status,
     return httplib::Server::HandlerResponse::Handled;
 }
 
-httplib::Server::HandlerResponse refuseMethod(httplib::Response& response, const char* allowed) {
-    response.set_header("Allow", allowed);
-    return refuse(response, 405, "This path has other methods.");
-}
-
-std::string withoutPort(const std::string& host) {
-    const std::size_t colon = host.find_last_not_of("0123456789");
-    return colon != std::string::npos && host[colon] == ':' ? host.substr(0, colon) : host;
-}
-
 /// @param host value of a Host header
 /// @return true for an address or "localhost", each with or without a port
 bool namesAnAddress(const std::string& host) {
-    const std::string name = withoutPort(host);
-    in6_addr address{};
-    if (name.starts_with('[') && name.ends_with(']')) {
-        return inet_pton(AF_INET6, name.substr(1, name.size() - 2).c_str(), &address) == 1;
-    }
-    return name == "localhost" || inet_pton(AF_INET, name.c_str(), &address) == 1;
-}
-
-/// Text from outside may stand in it.
-std::string dump(const nlohmann::json& value) {
-    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    // All repetitions are bounded, since each one takes stack.
+    static const std::regex address(R"((localhost|(\d{1,3}\.){3}\d{1,3}|\[[\da-fA-F:.]{2,45}\])(:\d{1,5})?)");
+    return std::regex_match(host, address);
 }
 
 }  // namespace
 
-PageServer::PageServer(int port, std::map<std::string, Resource> documents, Execute execute, Status status)
-    : m_documents(std::move(documents)), m_execute(std::move(execute)), m_status(std::move(status)) {
+PageServer::PageServer(int port, const Endpoints& urls, Television& television, Documents documents)
+    : m_television(television), m_documents(std::move(documents)) {
+    m_documents["/"] = [](auto& response) { response.set_content(kPage, "text/html; charset=utf-8"); };
+    m_documents["/endpoints"] = [json = nlohmann::json(urls).dump()](auto& response) {
+        response.set_content(json, kJson);
+    };
+    m_documents["/status"] = [&television](auto& response) { response.set_content(television.status().dump(), kJson); };
     m_server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
-    // The default would let a second host take the same port unnoticed.
-    m_server.set_socket_options([](socket_t socket) {
-        const int on = 1;
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    });
     m_server.set_tcp_nodelay(true);
     // One request each: what is left unread of one must not be taken for the next.
     m_server.set_keep_alive_max_count(1);
@@ -77,11 +60,10 @@ PageServer::PageServer(int port, std::map<std::string, Resource> documents, Exec
 
 PageServer::~PageServer() {
     m_server.stop();
-    if (m_thread.joinable()) m_thread.join();
 }
 
 void PageServer::start() {
-    m_thread = std::thread([this] {
+    m_thread = std::jthread([this] {
         if (!m_server.listen_after_bind()) std::fputs("zenk_receiver: the page is not served any more\n", stderr);
     });
     // A stop that comes before would be lost.
@@ -92,26 +74,23 @@ void PageServer::start() {
 PageServer::Handled PageServer::answer(const httplib::Request& request, httplib::Response& response) const {
     const std::string host = request.get_header_value("Host");
     if (!namesAnAddress(host)) return refuse(response, 403, "Please use an address or \"localhost\" in the URL.");
-    if (request.path == "/command") {
-        if (request.method != "POST") return refuseMethod(response, "POST");
-        if (request.get_header_value("Origin") != "http://" + host) {
-            return refuse(response, 403, "Commands are taken from this host's own page only.");
-        }
-        if (request.is_multipart_form_data()) return refuse(response, 415, "The body must be the command itself.");
-        return Handled::Unhandled;
-    }
+    const bool isCommand = request.path == "/command";
     const auto document = m_documents.find(request.path);
-    const bool isStatus = request.path == "/status";
-    if (document == m_documents.end() && !isStatus) return refuse(response, 404, "There is nothing here.");
-    if (request.method != "GET" && request.method != "HEAD") return refuseMethod(response, "GET, HEAD");
-    if (isStatus) {
-        response.set_content(dump(m_status()), "application/json");
-    } else {
-        response.headers.insert(document->second.headers.begin(), document->second.headers.end());
-        response.set_content(document->second.body, document->second.type.c_str());
+    if (!isCommand && document == m_documents.end()) return refuse(response, 404, "There is nothing here.");
+    const std::string methods = isCommand ? "POST" : "GET, HEAD";
+    if (methods.find(request.method) == std::string::npos) {
+        response.set_header("Allow", methods);
+        return refuse(response, 405, "This path has other methods.");
     }
-    response.status = 200;
-    return Handled::Handled;
+    if (!isCommand) {
+        document->second(response);
+        response.status = 200;
+        return Handled::Handled;
+    }
+    if (request.get_header_value("Origin") != "http://" + host)
+        return refuse(response, 403, "Commands are taken from this host's own page only.");
+    if (request.is_multipart_form_data()) return refuse(response, 415, "The body must be the command itself.");
+    return Handled::Unhandled;
 }
 
 void PageServer::answerCommand(httplib::Response& response, const httplib::ContentReader& read) const {
@@ -124,9 +103,7 @@ void PageServer::answerCommand(httplib::Response& response, const httplib::Conte
     });
     if (size > kMaxCommandBytes) {
         refuse(response, 413, "A command has at most 64 KiB.");
-    } else if (!isRead) {
-        refuse(response, 400, "The body is not complete.");
-    } else {
-        response.set_content(m_execute(command) + "\n", "text/plain; charset=utf-8");
+    } else if (isRead) {  // else the HTTP server has set a status
+        response.set_content(m_television.execute(command) + "\n", "text/plain; charset=utf-8");
     }
 }

@@ -25,15 +25,14 @@ struct Service {
 };
 
 Timeline ptsTimeline(std::int64_t origin);
-Timeline temiTimeline(int componentTag, int timelineId, std::int64_t origin);
+Timeline temiTimeline(std::int64_t componentTag, std::int64_t timelineId, std::int64_t origin);
 
-std::vector<Service> builtInServices();
-
-/// Reads a JSON file with a list of services:
+/// The services that are built in and, behind them, those that a JSON file lists:
 ///
 ///     [{"name": "Four", "contentId": "dvb://1.2.3;4~20260101T2000Z--PT01H00M",
 ///       "pts": {"origin": 900000}, "temi": [{"componentTag": 1, "timelineId": 2, "origin": 0}]}]
 ///
 /// Both kinds of timeline may be missing, and so may an origin, which is 0 then.
+/// @param file  its name; empty for none
 /// @throw std::runtime_error with the file, the service and the reason
 std::vector<Service> readServices(const std::string& file);

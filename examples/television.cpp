@@ -4,8 +4,9 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
+#include <iomanip>
 #include <optional>
+#include <sstream>
 #include <thread>
 #include <utility>
 
@@ -16,28 +17,23 @@ constexpr double kMaxSpeed = 64;
 constexpr double kMaxPositionS = 86'400;       // a day; keeps all sums far from their limits
 constexpr std::size_t kMaxCommandBytes = 200;  // more than any command has
 
+constexpr const char* kHelp =
+    "pause          stop where we are\n"
+    "play           go on at normal speed\n"
+    "speed 2        play at this speed, 0 to 64\n"
+    "seek +10       jump by so many seconds, on or back (-10), or to a position (90)\n"
+    "service 2      zap to this service\n"
+    "blackout       take the timelines away, or give them back (or: blackout on, blackout off)\n"
+    "status         what is on\n"
+    "help           this list";
+
 template <typename Number>
-std::optional<Number> toNumber(std::string_view text) {
+std::optional<Number> toNumber(std::string_view text, Number min, Number max) {
     Number number{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc{} || end != text.data() + text.size()) return std::nullopt;
-    return number;
-}
-
-std::string_view trimmed(std::string_view text) {
-    const char* const blanks = " \t\r\n";
-    const std::size_t begin = std::min(text.find_first_not_of(blanks), text.size());
-    return text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
-}
-
-std::string inSeconds(std::int64_t ns) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.3f", static_cast<double>(ns) / kNsPerSecond);
-    return text;
-}
-
-std::string error(const std::string& reason) {
-    return "error: " + reason;
+    // Written so that "nan" fails, too.
+    return number >= min && number <= max ? std::optional(number) : std::nullopt;
 }
 
 }  // namespace
@@ -53,93 +49,77 @@ Television::Television(std::vector<Service> services, Clock clock, int tuningMs)
 }
 
 std::string Television::execute(std::string_view command) {
-    command = trimmed(command);
-    if (command.size() > kMaxCommandBytes) return error("the command is too long");
-    const bool isPrintable = std::ranges::all_of(command, [](char c) { return c >= ' ' && c <= '~'; });
-    if (!isPrintable) return error("the command has characters that no command has");
-    const std::size_t blank = std::min(command.find(' '), command.size());
+    if (command.size() > kMaxCommandBytes) return "error: the command is too long";
+    std::istringstream words{std::string(command)};
+    std::string verb;
+    std::string argument;
+    std::string more;
+    words >> verb >> argument >> more;
+    const bool isPrintable = std::ranges::all_of(verb + argument, [](char c) { return c > ' ' && c <= '~'; });
+    if (!isPrintable) return "error: the command has characters that no command has";
+    if (!more.empty()) return "error: no command has more than two words";
     const std::lock_guard lock(m_changeMutex);
-    return carryOut(command.substr(0, blank), trimmed(command.substr(blank)));
+    return carryOut(verb, argument);
 }
 
-std::string Television::carryOut(std::string_view verb, std::string_view argument) {
+std::string Television::carryOut(const std::string& verb, const std::string& argument) {
     if (verb == "speed") return setSpeed(argument);
     if (verb == "seek") return seek(argument);
     if (verb == "service") return zap(argument);
     if (verb == "blackout") return blackOut(argument);
-    if (verb != "pause" && verb != "play" && verb != "status" && verb != "help")
-        return error("no such command: \"" + std::string(verb) + "\"; \"help\" lists them");
-    if (!argument.empty()) return error(std::string(verb) + " takes nothing behind it");
-    if (verb == "pause") return setSpeed("0");
-    if (verb == "play") return setSpeed("1");
-    return verb == "help" ? "ok\n" + help() : summary();
-}
-
-std::string Television::help() {
-    return "pause          stop where we are\n"
-           "play           go on at normal speed\n"
-           "speed 2        play at this speed, 0 to 64\n"
-           "seek +10       jump by so many seconds, on or back (-10), or to a position (90)\n"
-           "service 2      zap to this service\n"
-           "blackout       take the timelines away, or give them back (or: blackout on, blackout off)\n"
-           "status         what is on\n"
-           "help           this list";
+    const std::string command = argument.empty() ? verb : verb + " " + argument;
+    if (command == "pause") return setSpeed("0");
+    if (command == "play") return setSpeed("1");
+    if (command == "status") return summary();
+    if (command == "help") return std::string("ok\n") + kHelp;
+    return "error: no such command: \"" + command + "\"; \"help\" lists them";
 }
 
 std::string Television::setSpeed(std::string_view argument) {
-    const std::optional<double> speed = toNumber<double>(argument);
-    // Written so that "nan" fails, too.
-    if (!speed || !(*speed >= 0 && *speed <= kMaxSpeed)) return error("speed needs a number from 0 to 64");
+    const auto speed = toNumber<double>(argument, 0, kMaxSpeed);
+    if (!speed) return "error: speed needs a number from 0 to 64";
     Scene scene = sceneNow();
     scene.speed = *speed + 0.0;  // no minus zero on the wire
-    show(scene);
-    return summary();
+    return show(scene);
 }
 
 std::string Television::seek(std::string_view argument) {
     const bool isForward = argument.starts_with('+');
     const bool isRelative = isForward || argument.starts_with('-');
-    const std::optional<double> seconds = toNumber<double>(argument.substr(isForward ? 1 : 0));
-    if (!seconds || !(std::abs(*seconds) <= kMaxPositionS) || (isForward && std::signbit(*seconds)))
-        return error("seek needs seconds, at most 86400: seek +10, seek -10 or seek 90");
+    if (isForward) argument.remove_prefix(1);
+    const auto seconds = toNumber<double>(argument, isForward ? 0 : -kMaxPositionS, kMaxPositionS);
+    if (!seconds) return "error: seek needs seconds, at most 86400: seek +10, seek -10 or seek 90";
     Scene scene = sceneNow();
     const double from = isRelative ? static_cast<double>(scene.positionNs) : 0;
     scene.positionNs = std::llround(std::clamp(from + *seconds * kNsPerSecond, 0.0, kMaxPositionS * kNsPerSecond));
-    show(scene);
-    return summary();
+    return show(scene);
 }
 
 std::string Television::zap(std::string_view argument) {
-    const std::optional<std::size_t> number = toNumber<std::size_t>(argument);
-    if (!number || *number < 1 || *number > m_services.size())
-        return error("service needs a number from 1 to " + std::to_string(m_services.size()));
-    Scene scene;
-    scene.number = static_cast<int>(*number);
-    scene.service = m_services[*number - 1];
-    scene.sinceNs = m_clock();
-    scene.isTransitioning = true;
+    const auto number = toNumber<std::size_t>(argument, 1, m_services.size());
+    if (!number) return "error: service needs a number from 1 to " + std::to_string(m_services.size());
+    Scene scene{.number = *number, .service = m_services[*number - 1], .sinceNs = m_clock(), .isTransitioning = true};
     show(scene);
     std::this_thread::sleep_for(std::chrono::milliseconds(m_tuningMs));
     scene.sinceNs = m_clock();
     scene.isTransitioning = false;
-    show(scene);
-    return summary();
+    return show(scene);
 }
 
 std::string Television::blackOut(std::string_view argument) {
-    if (!argument.empty() && argument != "on" && argument != "off") return error("blackout takes on, off or nothing");
+    if (!argument.empty() && argument != "on" && argument != "off") return "error: blackout takes on, off or nothing";
     Scene scene = sceneNow();
     scene.isAvailable = argument.empty() ? !scene.isAvailable : argument == "off";
-    show(scene);
-    return summary();
+    return show(scene);
 }
 
 std::string Television::summary() const {
     const Scene scene = sceneNow();
-    char speed[32];
-    std::snprintf(speed, sizeof speed, "%g", scene.speed);
-    return "ok service " + std::to_string(scene.number) + " (" + scene.service.name + ") at " +
-           inSeconds(scene.positionNs) + " s, speed " + speed + (scene.isAvailable ? "" : ", blackout");
+    std::ostringstream text;
+    text << "ok service " << scene.number << " (" << scene.service.name << ") at " << std::fixed << std::setprecision(3)
+         << static_cast<double>(scene.positionNs) / kNsPerSecond << " s, speed " << std::defaultfloat
+         << std::setprecision(6) << scene.speed << (scene.isAvailable ? "" : ", blackout");
+    return text.str();
 }
 
 /// The scene as if it had begun now.
@@ -152,12 +132,14 @@ Scene Television::sceneNow() const {
     return scene;
 }
 
-void Television::show(const Scene& scene) {
+/// @return what a command answers that has led here
+std::string Television::show(const Scene& scene) {
     {
         const std::lock_guard lock(m_sceneMutex);
         m_scene = scene;
     }
     if (m_listener) m_listener(scene);
+    return summary();
 }
 
 void Television::listen(Listener listener) {

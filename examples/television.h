@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -12,7 +13,7 @@
 
 /// What the television shows, from one change to the next.
 struct Scene {
-    int number = 1;  ///< of the service, from 1
+    std::size_t number = 1;  ///< of the service, from 1
     Service service;
     double speed = 1;              ///< 0 is paused
     std::int64_t positionNs = 0;   ///< from the beginning of the content, at `sinceNs`
@@ -39,7 +40,7 @@ public:
     /// @param tuningMs  how long zapping takes; the command returns behind it
     Television(std::vector<Service> services, Clock clock, int tuningMs = 300);
 
-    /// Carries out one command, see help(); the next one waits until its listener has returned.
+    /// Carries out one command, "help" lists them; the next one waits until its listener has returned.
     /// @param command  any bytes
     /// @return a text for people, without a newline at its end: "ok ...", or "error: " and the reason
     std::string execute(std::string_view command);
@@ -51,17 +52,15 @@ public:
     /// @param listener  in place of any earlier one; null for none
     void listen(Listener listener);
 
-    static std::string help();
-
 private:
-    std::string carryOut(std::string_view verb, std::string_view argument);
+    std::string carryOut(const std::string& verb, const std::string& argument);
     std::string setSpeed(std::string_view argument);
     std::string seek(std::string_view argument);
     std::string zap(std::string_view argument);
     std::string blackOut(std::string_view argument);
     std::string summary() const;
     Scene sceneNow() const;
-    void show(const Scene& scene);
+    std::string show(const Scene& scene);
 
     const std::vector<Service> m_services;
     const Clock m_clock;

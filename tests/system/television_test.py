@@ -6,6 +6,7 @@ import pathlib
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -109,12 +110,20 @@ class Television(unittest.IsolatedAsyncioTestCase):
             for line in "x" * 1000000, "\x1b[2J", "fly":
                 host.say("\n" + line)
                 self.assertTrue(host.line("error: "))
-            host.say("status\nhelp\nspeed 3\nplay")  # what is no whole line yet does not count
-            self.assertTrue(host.line("ok service 1 (Zenk One) at "))
-            self.assertTrue(host.line("ok service 1 (Zenk One) at ").endswith(", speed 3"))
+            host.process.stdin.write("status\nhelp\nspeed 3")  # the last line is one without a newline, too
             host.process.stdin.close()
             host.process.stdin = None
+            self.assertTrue(host.line("ok service 1 (Zenk One) at "))
+            self.assertTrue(host.line("ok service 1 (Zenk One) at ").endswith(", speed 3"))
             asyncio.run(self.is_served(host))
+
+    def test_commands_wait_while_the_host_is_in_the_background_of_a_terminal(self):
+        terminal = [sys.executable, "-c", "import pty, sys; pty.spawn(sys.argv[1:])"]
+        # While the shell reads its lines, the host tries to.
+        shell = ["bash", "-c", 'set -m; "$@" & for _ in {1..500}; do read -r; done; fg', "bash"]
+        with driven(prefix=terminal + shell) as host:
+            host.say("\n" * 500 + "status")
+            self.assertTrue(host.line("ok service 1 "))
 
     async def is_served(self, host):
         async with connect(host.at("css-ts")) as client:
