@@ -52,6 +52,15 @@ def connect(url, **options):
                                       "open_timeout": PATIENCE, "close_timeout": PATIENCE, **options})
 
 
+async def refusal(url):
+    """The HTTP status with which a client is refused; None when it is not."""
+    try:
+        async with connect(url):
+            return None
+    except websockets.InvalidStatusCode as refused:
+        return refused.status_code
+
+
 class Program:
     """A running program. Its output is read all the time, so it never waits for us. Use with `with`."""
 

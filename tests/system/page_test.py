@@ -11,7 +11,7 @@ import unittest
 import urllib.request
 import xml.etree.ElementTree
 
-from host import PATIENCE, Host, Program, enter_own_network, free_port, wait_until
+from host import BUILD, PATIENCE, Host, Program, enter_own_network, free_port, wait_until
 
 GROUP = ("239.255.255.250", 1900)
 DIAL = "urn:dial-multiscreen-org:service:dial:1"
@@ -72,18 +72,16 @@ class PageServer(unittest.TestCase):
             self.assertEqual(endpoints["cssCii"], host.urls["css-cii"])
 
     def test_a_taken_port_is_told_before_anything_is_served(self):
-        for kind, port, options in [(socket.SOCK_STREAM, free_port(), []), (socket.SOCK_DGRAM, 1900, ["--discovery"])]:
-            if options and not IS_ALONE:
-                continue
-            page_port = port if kind == socket.SOCK_STREAM else free_port()
-            with socket.socket(type=kind) as holder:
+        for kind, option in [(socket.SOCK_STREAM, "--port"), (socket.SOCK_DGRAM, "--wc-port"),
+                             (socket.SOCK_STREAM, "--page-port"), (socket.SOCK_DGRAM, None)][:4 if IS_ALONE else 3]:
+            ports = {each: free_port() for each in ("--port", "--wc-port", "--page-port")}
+            name, port = "UDP" if kind == socket.SOCK_DGRAM else "TCP", ports.get(option, GROUP[1])
+            with self.subTest(option), socket.socket(type=kind) as holder:
                 holder.bind(("", port))
-                if kind == socket.SOCK_STREAM:
-                    holder.listen()
-                with Host("--page-port", page_port, *options, ready=False) as host:
+                with Program(BUILD / "zenk_receiver", *sum(ports.items(), ()), *["--discovery"] * IS_ALONE) as host:
                     self.assertEqual(host.exit_code(), 1)
                     self.assertIsNone(host.line("app2app-local"))
-                    self.assertIn(f"port {port}: ", host.errors())
+                    self.assertIn(f"{name} port {port}: ", host.errors())
 
 
 @unittest.skipUnless(IS_ALONE, "this machine lets us make no network of our own")
