@@ -42,10 +42,15 @@ class Log(unittest.IsolatedAsyncioTestCase):
             with socket.socket(type=socket.SOCK_DGRAM) as peer:
                 peer.bind(PORT)
                 peer.settimeout(PATIENCE)
-                self.assertEqual(len({peer.recvfrom(2000) for _ in range(2)}), 1)
+                receivers = {peer.recvfrom(2000)[1] for _ in range(2)}
+                self.assertEqual(len(receivers), 1)
                 started = time.monotonic()
                 self.assertEqual(peer.recv(2000), b"")
                 self.assertGreater(time.monotonic() - started, 0.8)
+                # A text that fills its field, and short ones, whose level is 0.
+                for command, report in (b"A|B".ljust(1024, b"|") + b"\1", b"A|B"), (b"B", b"A"), (b"A", b""):
+                    peer.sendto(command, *receivers)
+                    self.assertTrue(any(peer.recv(2000) == report for _ in range(9)), command)
             threads = [task for task in pathlib.Path(f"/proc/{host.pid}/task").iterdir()
                        if (task / "comm").read_text() == "zenk-log\n"]
             self.assertEqual(len(threads), 1)

@@ -119,6 +119,7 @@ protected:
         std::string text = "init", url, ours = std::string("/x") + Kind::kUri + "y", other = "/css-";
         unsigned char bytes[] = "h\0i";
         std::make_unique<typename Kind::Server>(text);
+        EXPECT_EQ(Kind::Server::m_instance, nullptr);
         typename Kind::Server css;
         const auto tellStatus = [&] { std::printf("status %d\n", css.getCssServerStatus()); };
         const auto tell = [&](auto call, int id) { std::printf("%+d: %d\n", id, (css.*call)(id)), noteLayer(); };
@@ -181,27 +182,26 @@ protected:
         unnumbered.startWCServer();
         unnumbered.stopWCServer();
         testing::internal::CaptureStderr();
-        zenk::Socket blocker(SOCK_DGRAM);
-        attach(::bind, blocker, number);
-        clock.startWCServer();
-        blocker.close();
-        outside::receiveFails = true;
-        clock.startWCServer();
-        outside::receiveFails = false;
-        outside::noSockets = true;
-        clock.startWCServer();
+        {
+            const zenk::Socket blocker(SOCK_DGRAM);
+            attach(::bind, blocker, number);
+            clock.startWCServer();
+        }
+        for (std::atomic<bool>* const trouble : {&outside::receiveFails, &outside::noSockets}) {
+            *trouble = true;
+            clock.startWCServer();
+            *trouble = false;
+        }
         std::fputs(testing::internal::GetCapturedStderr().c_str(), stdout);
         for (const std::string end : {"quitwc", "stop", "stop without a socket"}) {
-            outside::noSockets = false;
             outside::receives = 0;
-            std::thread thread([&] { clock.startWCServer(); });
+            const std::jthread thread([&] { clock.startWCServer(); });
             EXPECT_TRUE(waitUntil([&] { return client.send("question") && !client.receive(32).empty(); }));
             EXPECT_TRUE(waitUntil([] { return outside::receives == 2; })) << "it waits for the next one";
             outside::noSockets = end == "stop without a socket";
             end == "quitwc" ? clock.startWCServer() : clock.stopWCServer();
             outside::noSockets = false;
             client.send(end + '\0');
-            thread.join();
         }
     }
 

@@ -133,7 +133,8 @@ TEST_F(EventQueue, AServerThatGoesWaitsForItsCallbackAndLeavesNothingToTheNextIn
     holdUp();
     std::optional<ZenkCSSCIIServer> css(std::in_place);
     queue(1, &*css, 1, "while it lives");
-    css.reset();  // waits for no foreign callback
+    css.reset();
+    EXPECT_FALSE(m_hasPassed) << "it waits for no foreign callback";
     queue(1, &*css, 2, "when it is dead");
     css.emplace();
     css->registerCIIEventCallback(Host::note, &m_host);
