@@ -72,7 +72,6 @@ private:
         ZenkDispatcherInfo info;
         CssBacklog::Entry* client;
     };
-    class Calls;
 
     std::optional<ZenkDispatcherInfo> beginCall();
     ZenkDispatcherInfo takeRecord() ZENK_REQUIRES(m_mutex);

@@ -115,10 +115,10 @@ TEST_P(Layer, EndsThePartnerOfWhoGoesInAnyWayAndKeepsNothingOfIt) {
 
 // More than leave in one pass; what they have sent is delivered first.
 TEST_P(Layer, LetsACrowdLeaveInPortionsAndLosesNothing) {
+    std::list<RawClient> others(130);  // who comes behind so many is watched
     std::list<Pair> pairs(60);
-    std::list<RawClient> others(60);
-    for (Pair& each : pairs) ASSERT_TRUE(each.connect(server->port));
     for (RawClient& each : others) ASSERT_TRUE(each.upgrade(server->port, "/x"));
+    for (Pair& each : pairs) ASSERT_TRUE(each.connect(server->port));
     for (RawClient& each : others) each.reset();
     for (Pair& each : pairs) {
         each.local.sendText("last words");
