@@ -70,20 +70,6 @@ TEST_F(Time, CutsWhoDoesNotAnswerItsCloseOrIsDeaf) {
     EXPECT_TRUE(silent.waitForEnd());
 }
 
-TEST_F(Time, OfUnfinishedHandshakesIsShortWhateverComes) {
-    limits.handshake = 1s;
-    serve();
-    for (const auto& [beginning, drip] :
-         {std::pair{"", ""}, {"GET /x HT", ""}, {"GET /x HT", "x"}, {"GET / HTTP/1.1\r\n", "A: b\r\n"}}) {
-        RawClient client;
-        ASSERT_TRUE(client.connect(server->port) && client.send(beginning));
-        int drops = 0;
-        while (drops < 60 && !client.waitForEnd(100ms) && client.send(drip)) ++drops;
-        EXPECT_LT(drops, 60) << beginning << drip;
-        EXPECT_GT(drops, 3) << "a slow network takes a while";
-    }
-}
-
 TEST_F(Time, GivesMemoryBackToWhatRests) {
     constexpr int kClients = 100;
     serve();
