@@ -10,9 +10,8 @@
 
 #include "log/zenk_log.h"
 #include "tests/support/css_host.h"
-#include "tests/support/css_kinds.h"
-#include "tests/support/outside.h"
 #include "tests/support/raw_client.h"
+#include "tests/trace/outside.h"
 
 namespace zenk_test {
 namespace {

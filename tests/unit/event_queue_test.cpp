@@ -9,7 +9,6 @@
 #include <thread>
 
 #include "tests/support/css_host.h"
-#include "tests/support/css_kinds.h"
 #include "tests/support/sanitizer.h"
 
 static std::atomic<bool> g_refusesThreads = false;

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "tests/support/recording_websockets.h"
+#include "tests/support/front_end.h"
 
 namespace {
 

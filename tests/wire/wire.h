@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <optional>
 
 #include "platform/ws_limits.h"
@@ -10,6 +11,13 @@
 #include "tests/support/server.h"
 
 namespace zenk_test {
+
+/// Of this process; 0 under a sanitizer.
+inline std::size_t residentBytes() {
+    std::size_t all = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> all >> resident;
+    return kIsSanitized ? 0 : resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
 
 /// A server with limits of the test's own: set them, then serve.
 class Wire : public testing::Test {

@@ -1,13 +1,27 @@
-#include "tests/support/outside.h"
+#pragma once
 
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <string>
+
+/// The system calls whose failures have exits of their own, in the test's hand through the linker's wrap.
+namespace outside {
+
+inline std::atomic<bool> noSockets = false;             ///< socket() fails
+inline std::atomic<bool> receiveFails = false;          ///< recvmsg() fails
+inline std::atomic<int> receives = 0;                   ///< how often it was called
+inline auto& routes = *new std::optional<std::string>;  ///< the route table; none: it cannot be opened
+inline auto& address = *new std::string;  ///< of every interface; empty: there is none. Test's thread only
+
+}  // namespace outside
 
 extern "C" {
 
@@ -17,9 +31,7 @@ ssize_t __real_recvmsg(int fd, msghdr* datagram, int flags);
 
 std::FILE* __wrap_fopen(const char* path, const char* mode) {
     if (std::strcmp(path, "/proc/net/route") != 0) return __real_fopen(path, mode);
-    if (!outside::routes) return nullptr;
-    if (outside::routes->empty()) return __real_fopen("/dev/null", mode);
-    return fmemopen(outside::routes->data(), outside::routes->size(), "r");
+    return outside::routes ? fmemopen(outside::routes->data(), outside::routes->size(), "r") : nullptr;
 }
 
 int __wrap_socket(int family, int type, int protocol) {
@@ -29,9 +41,8 @@ int __wrap_socket(int family, int type, int protocol) {
 }
 
 int __wrap_ioctl(int /*fd*/, unsigned long request, ifreq* interface) {
-    sockaddr_in address{};
-    if (request != SIOCGIFADDR || interface->ifr_addr.sa_family != AF_INET) return -1;
-    if (inet_pton(AF_INET, outside::address.c_str(), &address.sin_addr) != 1) return -1;
+    if (request != SIOCGIFADDR || interface->ifr_addr.sa_family != AF_INET || outside::address.empty()) return -1;
+    const sockaddr_in address{AF_INET, 0, {inet_addr(outside::address.c_str())}, {}};
     std::memcpy(&interface->ifr_addr, &address, sizeof address);
     return 0;
 }

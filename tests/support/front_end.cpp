@@ -1,9 +1,6 @@
-#include "tests/support/recording_websockets.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/front_end.h"
 
 #include <mutex>
-#include <utility>
 
 namespace {
 
