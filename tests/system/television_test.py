@@ -64,12 +64,15 @@ class Television(unittest.IsolatedAsyncioTestCase):
                         self.assertAlmostEqual(int(stamp["contentTime"]), expected(last, stamp, jump), delta=3)
                         last = stamp
                 host.say("service 2")
+                moments = []
                 for partial, status in ("dvb://233a.1004.1080", "transitioning"), (None, "okay"):
                     told, stamp = await heard(cii), await heard(pts)
                     self.assertEqual(told["presentationStatus"], status)
                     self.assertEqual(told["contentIdStatus"], "partial" if partial else "final")
                     self.assertEqual(told["contentId"], partial or "dvb://233a.1004.1080;21af~20131004T1015Z--PT01H00M")
                     self.assertEqual(stamp["timelineSpeedMultiplier"], None if partial else 1)
+                    moments.append(int(stamp["wallClockTime"]))
+                self.assertGreaterEqual(moments[1] - moments[0], 3e8)  # each is told with its own time
                 self.assertEqual(await heard(zapped), stamp)  # its first news since the answer to its setup
                 await pts.send(setup("dvb://nowhere"))
                 self.assertEqual(content(await heard(pts)), NO_TIMELINE)
