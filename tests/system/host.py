@@ -6,8 +6,10 @@ import pathlib
 import queue
 import random
 import re
+import signal
 import socket
 import subprocess
+import tempfile
 import threading
 import time
 import urllib.parse
@@ -61,46 +63,31 @@ async def refusal(url):
         return refused.status_code
 
 
-class Program:
+class Program(subprocess.Popen):
     """A running program. Its output is read all the time, so it never waits for us. Use with `with`."""
 
     def __init__(self, *command, environment=None, stdin=subprocess.DEVNULL, **options):
-        self.process = subprocess.Popen([str(word) for word in command], env={**os.environ, **(environment or {})},
-                                        stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                        text=True, errors="replace", **options)
-        self.pid = self.process.pid
-        self._lines = queue.Queue()
-        self._errors = []
-        self._readers = [threading.Thread(target=self._read), threading.Thread(target=self._read_errors)]
-        for reader in self._readers:
-            reader.start()
+        self._lines, self._errors = queue.Queue(), tempfile.TemporaryFile("w+", errors="replace")
+        super().__init__([str(word) for word in command], env={**os.environ, **(environment or {})}, stdin=stdin,
+                         stdout=subprocess.PIPE, stderr=self._errors, text=True, errors="replace", **options)
+        self._reader = threading.Thread(target=self._read)
+        self._reader.start()
 
     def _read(self):
-        for line in self.process.stdout:
+        for line in self.stdout:
             self._lines.put(COLOUR.sub("", line).rstrip("\n"))
         self._lines.put(None)
 
-    def _read_errors(self):
-        self._errors.extend(self.process.stderr)
+    def __exit__(self, *details):
+        self.kill()
+        self._reader.join()
+        self._errors.close()
+        super().__exit__(*details)
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.exit_code()
-        for reader in self._readers:
-            reader.join()
-        if self.process.stdin:
-            self.process.stdin.close()
-        self.process.stdout.close()
-        self.process.stderr.close()
-
-    def line(self, prefix="", patience=PATIENCE):
-        """The next line of standard output with this beginning; None at the end of the output or at the deadline."""
-        deadline = time.monotonic() + patience
+    def line(self, prefix=""):
+        """The next line of standard output with this beginning; None at the end of the output, or when none comes."""
         with contextlib.suppress(queue.Empty):
-            while (line := self._lines.get(timeout=max(0, deadline - time.monotonic()))) is not None:
+            while (line := self._lines.get(timeout=PATIENCE)) is not None:
                 if line.startswith(prefix):
                     return line
             self._lines.put(None)
@@ -108,44 +95,43 @@ class Program:
 
     def say(self, line):
         """One line to its standard input, which must be a pipe."""
-        self.process.stdin.write(line + "\n")
-        self.process.stdin.flush()
+        self.stdin.write(line + "\n")
+        self.stdin.flush()
 
-    def exit_code(self, patience=PATIENCE):
+    def wait(self, timeout=PATIENCE):
         """-N when signal N ended it. Raises at the deadline."""
-        return self.process.wait(patience)
+        return super().wait(timeout)
 
-    def end(self, number):
-        self.process.send_signal(number)
-        return self.exit_code()
+    def end(self, number=signal.SIGINT):
+        self.send_signal(number)
+        return self.wait()
 
-    def errors(self):
+    def complaints(self):
         """All of standard error, once the program has ended."""
-        self._readers[1].join(PATIENCE)
-        return "".join(self._errors)
+        self.wait()
+        self._errors.seek(0)
+        return self._errors.read()
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def status(self, name):
-        """A number of the process, such as "VmRSS" in KiB; None when it has ended."""
+        """A number of the process, such as "VmRSS" in KiB."""
         text = pathlib.Path(f"/proc/{self.pid}/status").read_text(encoding="ascii")
-        found = re.search(rf"^{name}:\s+(\d+)", text, re.MULTILINE)
-        return found and int(found[1])
+        return int(re.search(rf"^{name}:\s+(\d+)", text, re.MULTILINE)[1])
 
 
 class Host(Program):
     """zenk_receiver on free ports, ready to serve unless `ready` says not to wait for it. `urls` has its URLs by name."""
 
     def __init__(self, *arguments, ready=True, prefix=(), **options):
-        self.port, self.wc_port = free_port(), free_port()
+        self.port, self.wc_port, self.urls = free_port(), free_port(), {}
         super().__init__(*prefix, BUILD / "zenk_receiver", "--port", self.port, "--wc-port", self.wc_port, *arguments,
                          **options)
-        self.urls = {}
         while ready and (line := self.line()) != "ready":
             if line is None:
-                self.__exit__()
-                raise RuntimeError("zenk_receiver did not get ready: " + self.errors())
+                with self:
+                    raise RuntimeError("zenk_receiver did not get ready: " + self.complaints())
             name, _, rest = line.partition(" ")
             if "://" in rest:
                 self.urls[name] = rest

@@ -79,9 +79,9 @@ class PageServer(unittest.TestCase):
             with self.subTest(option), socket.socket(type=kind) as holder:
                 holder.bind(("", port))
                 with Program(BUILD / "zenk_receiver", *sum(ports.items(), ()), *["--discovery"] * IS_ALONE) as host:
-                    self.assertEqual(host.exit_code(), 1)
+                    self.assertEqual(host.wait(), 1)
                     self.assertIsNone(host.line("app2app-local"))
-                    self.assertIn(f"{name} port {port}: ", host.errors())
+                    self.assertIn(f"{name} port {port}: ", host.complaints())
 
 
 @unittest.skipUnless(IS_ALONE, "this machine lets us make no network of our own")

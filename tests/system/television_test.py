@@ -109,9 +109,8 @@ class Television(unittest.IsolatedAsyncioTestCase):
             for line in "x" * 1000000, "\x1b[2J", "fly":
                 host.say("\n" + line)
                 self.assertTrue(host.line("error: "))
-            host.process.stdin.write("status\nhelp\nspeed 3")  # the last line is one without a newline, too
-            host.process.stdin.close()
-            host.process.stdin = None
+            host.stdin.write("status\nhelp\nspeed 3")  # the last line is one without a newline, too
+            host.stdin.close()
             self.assertTrue(host.line("ok service 1 (Zenk One) at "))
             self.assertTrue(host.line("ok service 1 (Zenk One) at ").endswith(", speed 3"))
             asyncio.run(self.is_served(host))
@@ -164,6 +163,6 @@ class Television(unittest.IsolatedAsyncioTestCase):
             for option, file, code in [("--services", services, 1), ("--services", "/nowhere", 1), ("--config", "/nowhere", 105),
                                        ("--log", "/nowhere/log", 1)]:
                 with self.subTest(option), Host(option, file, ready=False) as host:
-                    self.assertEqual(host.exit_code(), code)
-                    self.assertIn(str(file), host.errors())
+                    self.assertEqual(host.wait(), code)
+                    self.assertIn(str(file), host.complaints())
                     self.assertIsNone(host.line("app2app-local"))
