@@ -21,7 +21,6 @@ constexpr std::size_t kEventsPerWait = 256;
 // The key of RFC 6455's own example: its answer is known, so the server's arithmetic is checked without any here.
 constexpr std::string_view kKey = "dGhlIHNhbXBsZSBub25jZQ==";
 constexpr std::string_view kAccept = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";
-constexpr std::string_view kGreeting = "pairingcompleted";
 
 [[noreturn]] void fail(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -82,15 +81,7 @@ std::span<const epoll_event> Poller::wait(int timeoutMs) {
     return {m_events.data(), static_cast<std::size_t>(count < 0 ? 0 : count)};
 }
 
-void Poller::add(int fd, std::uint32_t events, Client* client) {
-    control(EPOLL_CTL_ADD, fd, events, client);
-}
-
-void Poller::modify(int fd, std::uint32_t events, Client* client) {
-    control(EPOLL_CTL_MOD, fd, events, client);
-}
-
-void Poller::control(int operation, int fd, std::uint32_t events, Client* client) {
+void Poller::watch(int operation, int fd, std::uint32_t events, Client* client) {
     epoll_event event{};
     event.events = events;
     event.data.ptr = client;
@@ -99,8 +90,7 @@ void Poller::control(int operation, int fd, std::uint32_t events, Client* client
 
 Client::Client(Poller& poller, std::uint16_t port, Side side, const std::string& name)
     : m_poller(poller), m_side(side), m_fd(beginConnect(port)), m_request(request(side, name, port)) {
-    m_poller.add(m_fd, EPOLLIN | EPOLLOUT, this);
-    m_reader.keepPayload(true);
+    m_poller.watch(EPOLL_CTL_ADD, m_fd, EPOLLIN | EPOLLOUT, this);
 }
 
 Client::~Client() {
@@ -136,11 +126,10 @@ void Client::readAnswer(std::span<const std::uint8_t> bytes) {
 
 void Client::readGreeting(std::span<const std::uint8_t> bytes) {
     while (m_reader.next(bytes)) {
-        if (m_isGreeted || m_reader.payload() != kGreeting) throw std::runtime_error("unexpected message");
+        if (m_isGreeted) throw std::runtime_error("a second message before any was sent");
         m_isGreeted = true;
     }
     if (m_reader.sawClose()) throw std::runtime_error("the server closed a connection");
-    if (m_isGreeted) m_reader.keepPayload(false);
 }
 
 std::span<const std::uint8_t> Client::receive() {
@@ -172,7 +161,7 @@ void Client::sendAll(std::string_view bytes) {
 void Client::watchRoom(bool wanted) {
     if (wanted == m_watchesRoom) return;
     m_watchesRoom = wanted;
-    m_poller.modify(m_fd, wanted ? EPOLLIN | EPOLLOUT : EPOLLIN, this);
+    m_poller.watch(EPOLL_CTL_MOD, m_fd, wanted ? EPOLLIN | EPOLLOUT : EPOLLIN, this);
 }
 
 std::vector<Pair> Fleet::openPairs(std::size_t count, const std::string& prefix) {

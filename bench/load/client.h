@@ -28,13 +28,11 @@ public:
     /// The sockets that are ready now, or within `timeoutMs`.
     std::span<const epoll_event> wait(int timeoutMs);
 
-    void add(int fd, std::uint32_t events, Client* client);
-    void modify(int fd, std::uint32_t events, Client* client);
+    /// @param operation  that of epoll_ctl()
+    void watch(int operation, int fd, std::uint32_t events, Client* client);
     std::span<std::uint8_t> buffer() { return m_buffer; }
 
 private:
-    void control(int operation, int fd, std::uint32_t events, Client* client);
-
     int m_epoll;
     std::vector<epoll_event> m_events;
     std::vector<std::uint8_t> m_buffer;

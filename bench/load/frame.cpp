@@ -2,71 +2,65 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 
 namespace zenk_bench {
 namespace {
 
 constexpr std::uint8_t kFinBit = 0x80;
 constexpr std::uint8_t kMaskBit = 0x80;
+constexpr std::uint8_t kControlBit = 0x08;
 constexpr std::uint8_t kOpcodeBits = 0x0f;
 constexpr std::uint8_t kOpcodeText = 1;
 constexpr std::uint8_t kOpcodeClose = 8;
 constexpr std::uint8_t kLength16 = 126;
 constexpr std::uint8_t kLength64 = 127;
-
-void appendBigEndian(std::string& out, std::uint64_t value, int bytes) {
-    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out += static_cast<char>(value >> shift & 0xff);
-}
-
-void appendLength(std::string& out, std::size_t length) {
-    if (length < kLength16) {
-        out += static_cast<char>(kMaskBit | length);
-    } else if (length <= 0xffff) {
-        out += static_cast<char>(kMaskBit | kLength16);
-        appendBigEndian(out, length, 2);
-    } else {
-        out += static_cast<char>(kMaskBit | kLength64);
-        appendBigEndian(out, length, 8);
-    }
-}
-
-std::string maskedFrame(std::uint8_t opcode, std::string_view payload, std::uint32_t mask) {
-    std::string frame;
-    frame.reserve(payload.size() + 14);
-    frame += static_cast<char>(kFinBit | opcode);
-    appendLength(frame, payload.size());
-    appendBigEndian(frame, mask, 4);
-    for (std::size_t i = 0; i < payload.size(); ++i) {
-        const auto key = static_cast<std::uint8_t>(mask >> (24 - 8 * (i % 4)));
-        frame += static_cast<char>(static_cast<std::uint8_t>(payload[i]) ^ key);
-    }
-    return frame;
-}
+constexpr std::string_view kMask = "7\xfa!=";
 
 std::size_t lengthFieldBytes(std::uint8_t length7) {
     if (length7 == kLength16) return 2;
     return length7 == kLength64 ? 8 : 0;
 }
 
-}  // namespace
-
-std::string clientFrame(std::string_view payload, std::uint32_t mask) {
-    return maskedFrame(kOpcodeText, payload, mask);
+std::uint8_t length7Of(std::size_t size) {
+    if (size > 0xffff) return kLength64;
+    return size < kLength16 ? static_cast<std::uint8_t>(size) : kLength16;
 }
 
-std::string clientCloseFrame(std::uint16_t status) {
-    std::string payload;
-    appendBigEndian(payload, status, 2);
-    return maskedFrame(kOpcodeClose, payload, 0x01020304);
+std::string maskedFrame(std::uint8_t opcode, std::string_view payload) {
+    const std::size_t size = payload.size();
+    const std::uint8_t length7 = length7Of(size);
+    std::string frame{static_cast<char>(kFinBit | opcode), static_cast<char>(kMaskBit | length7)};
+    for (std::size_t left = lengthFieldBytes(length7); left > 0; --left) {
+        frame += static_cast<char>(size >> (8 * (left - 1)) & 0xff);
+    }
+    frame += kMask;
+    for (std::size_t i = 0; i < size; ++i) frame += static_cast<char>(payload[i] ^ kMask[i % kMask.size()]);
+    return frame;
+}
+
+}  // namespace
+
+std::string textFrame(std::size_t letters) {
+    std::string text(letters, 'a');
+    for (std::size_t i = 0; i < letters; ++i) text[i] = static_cast<char>('a' + i * 7 % 26);
+    return maskedFrame(kOpcodeText, text);
+}
+
+std::string closeFrame() {
+    return maskedFrame(kOpcodeClose, "\x03\xe8");
 }
 
 bool FrameReader::next(std::span<const std::uint8_t>& bytes) {
-    while (true) {
-        if (!m_inPayload && !readHeader(bytes)) return false;
-        if (!readPayload(bytes)) return false;
-        m_inPayload = false;
-        if (finishFrame()) return true;
+    while (m_inPayload || readHeader(bytes)) {
+        const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(m_payloadLeft, bytes.size()));
+        bytes = bytes.subspan(taken);
+        m_payloadLeft -= taken;
+        m_inPayload = m_payloadLeft > 0;
+        if (m_inPayload) return false;
+        if (isMessageEnd()) return true;
     }
+    return false;
 }
 
 bool FrameReader::readHeader(std::span<const std::uint8_t>& bytes) {
@@ -76,39 +70,25 @@ bool FrameReader::readHeader(std::span<const std::uint8_t>& bytes) {
         if (m_headerBytes < 2) continue;
         const std::size_t lengthBytes = lengthFieldBytes(m_header[1] & 0x7f);
         if (m_headerBytes < 2 + lengthBytes) continue;
-        beginFrame(lengthBytes);
+        beginPayload(lengthBytes);
         return true;
     }
     return false;
 }
 
-void FrameReader::beginFrame(std::size_t lengthBytes) {
+void FrameReader::beginPayload(std::size_t lengthBytes) {
     if (m_header[1] & kMaskBit) throw std::runtime_error("the server sent a masked frame");
-    m_payloadLeft = m_header[1];
-    if (lengthBytes > 0) m_payloadLeft = 0;
+    m_payloadLeft = lengthBytes > 0 ? 0 : m_header[1];
     for (std::size_t i = 0; i < lengthBytes; ++i) m_payloadLeft = m_payloadLeft << 8 | m_header[2 + i];
     m_headerBytes = 0;
-    m_inPayload = true;
-    if (isControl() || !m_messageEnded) return;
-    m_messageEnded = false;
-    m_payload.clear();
 }
 
-bool FrameReader::readPayload(std::span<const std::uint8_t>& bytes) {
-    const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(m_payloadLeft, bytes.size()));
-    if (m_keepsPayload && !isControl()) m_payload.append(reinterpret_cast<const char*>(bytes.data()), taken);
-    bytes = bytes.subspan(taken);
-    m_payloadLeft -= taken;
-    return m_payloadLeft == 0;
-}
-
-bool FrameReader::finishFrame() {
-    if (isControl()) {
+bool FrameReader::isMessageEnd() {
+    if (m_header[0] & kControlBit) {
         m_sawClose = m_sawClose || (m_header[0] & kOpcodeBits) == kOpcodeClose;
         return false;
     }
-    m_messageEnded = (m_header[0] & kFinBit) != 0;
-    return m_messageEnded;
+    return (m_header[0] & kFinBit) != 0;
 }
 
 }  // namespace zenk_bench

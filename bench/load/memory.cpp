@@ -4,7 +4,6 @@
 #include "bench/load/client.h"
 #include "bench/load/measure.h"
 #include "bench/load/options.h"
-#include "bench/load/payload.h"
 
 namespace zenk_bench {
 namespace {
@@ -13,7 +12,7 @@ constexpr std::size_t kConnections = 2000;
 constexpr std::uint64_t kPatienceNs = 20'000'000'000u;
 
 void exchangeOnce(Poller& poller, const std::vector<Pair>& pairs) {
-    const std::string frame = clientFrame(asciiPayload(100, 0), kFixedMask);
+    const std::string frame = textFrame(100);
     for (const Pair& pair : pairs) {
         pair.local->sendAll(frame);
         pair.remote->sendAll(frame);
@@ -47,7 +46,6 @@ Report runMemory(const Options& options) {
     Report report;
     report["bytes_per_idle_conn"] = (open - before) / count;
     report["bytes_per_used_conn"] = (used - before) / count;
-    report["rss_before_kib"] = before / 1024;
     return report;
 }
 

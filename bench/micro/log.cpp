@@ -17,42 +17,35 @@ void trace(const char* module) {
     zenk_log_print(LOG_TYPE_STRING, module, kFile, "onFilterConnection", 321, "requrl", kText);
 }
 
-void beginOnce(const benchmark::State& state, void (*fillTable)()) {
+// A full table has twenty entries that all share their first letters, the printed module among them.
+void beginOnce(const benchmark::State& state, bool isTableFull) {
     if (state.thread_index() != 0) return;
     clear_modules_list();
-    fillTable();
+    for (int i = 1; isTableFull && i < kModules; ++i) insert_modules_list(("PLUGIN_" + std::to_string(i)).c_str(), 2);
+    if (isTableFull) insert_modules_list("PLUGIN", 1);
     zenk_bench::emptyOutput();
 }
 
-void leaveEmpty() {
-}
-
-// Twenty entries that all share their first letters, the printed module among them.
-void fill() {
-    for (int i = 1; i < kModules; ++i) insert_modules_list(("PLUGIN_" + std::to_string(i)).c_str(), 2);
-    insert_modules_list("PLUGIN", 1);
-}
-
 void logSilentWithEmptyTable(benchmark::State& state) {
-    beginOnce(state, leaveEmpty);
+    beginOnce(state, false);
     for (auto _ : state) trace("PLUGIN");
 }
 
 // The module is not in the table, so that all of it is read.
 void logSilentWithFullTable(benchmark::State& state) {
-    beginOnce(state, fill);
+    beginOnce(state, true);
     for (auto _ : state) trace("PLUGIN_21");
 }
 
 // The line that a receiver prints at the default levels, one for each relayed message.
 void logPrinted(benchmark::State& state) {
-    beginOnce(state, leaveEmpty);
+    beginOnce(state, false);
     for (auto _ : state) zenk_log_print(LOG_TYPE_ERROR, "PLUGIN", kFile, "onMessage", 321, nullptr, nullptr);
 }
 
 // A trace line with a text.
 void logPrintedText(benchmark::State& state) {
-    beginOnce(state, fill);
+    beginOnce(state, true);
     for (auto _ : state) trace("PLUGIN");
 }
 

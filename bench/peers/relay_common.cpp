@@ -6,21 +6,12 @@
 #include <cstdlib>
 
 namespace zenk_bench {
-namespace {
-
-bool dropPrefix(std::string_view& text, std::string_view prefix) {
-    if (text.substr(0, prefix.size()) != prefix) return false;
-    text.remove_prefix(prefix.size());
-    return true;
-}
-
-}  // namespace
 
 std::optional<Endpoint> parsePath(std::string_view path) {
-    const bool isRemote = dropPrefix(path, "/remote/hbbtv/");
-    if (!isRemote && !dropPrefix(path, "/local/hbbtv/")) return std::nullopt;
-    if (path.find('/') == std::string_view::npos) return std::nullopt;
-    return Endpoint{std::string(path), isRemote};
+    const bool isRemote = path.starts_with("/remote/");
+    const std::string_view prefix = isRemote ? "/remote/hbbtv/" : "/local/hbbtv/";
+    if (!path.starts_with(prefix) || path.find('/', prefix.size()) == std::string_view::npos) return std::nullopt;
+    return Endpoint{std::string(path.substr(prefix.size())), isRemote};
 }
 
 std::string acceptValue(std::string_view key) {

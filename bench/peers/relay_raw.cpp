@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -127,33 +126,6 @@ struct Connection {
     Rewriter rewriter;
 };
 
-class RawRelay {
-public:
-    explicit RawRelay(std::uint16_t port);
-    [[noreturn]] void run();
-
-private:
-    void watch(Connection& connection, int operation);
-    void acceptAll();
-    void onReady(Connection& connection, std::uint32_t events);
-    void onRoom(Connection& connection);
-    void onBytes(Connection& connection, std::size_t count);
-    void answerHandshake(Connection& connection);
-    void join(Connection& connection);
-    void relay(Connection& connection, std::size_t count);
-    void put(Connection& connection, const void* bytes, std::size_t count);
-    void end(Connection& connection);
-
-    int m_listener;
-    int m_epoll;
-    std::vector<std::uint8_t> m_in = std::vector<std::uint8_t>(kReadBytes);
-    // A frame may shrink on its way but never grows.
-    std::vector<std::uint8_t> m_out = std::vector<std::uint8_t>(kReadBytes + kClientHeaderBytes);
-    std::unordered_map<Connection*, std::unique_ptr<Connection>> m_connections;
-    std::unordered_map<std::string, Connection*> m_waiting;
-    std::vector<Connection*> m_dead;  // freed when the events in hand, which may name them, are done
-};
-
 int listenOn(std::uint16_t port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     const int on = 1;
@@ -168,142 +140,152 @@ int listenOn(std::uint16_t port) {
     std::exit(1);
 }
 
-RawRelay::RawRelay(std::uint16_t port) : m_listener(listenOn(port)), m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.ptr = nullptr;
-    epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_listener, &event);
-}
-
-void RawRelay::watch(Connection& connection, int operation) {
-    epoll_event event{};
-    event.events = connection.watchesRoom ? EPOLLIN | EPOLLOUT : EPOLLIN;
-    event.data.ptr = &connection;
-    epoll_ctl(m_epoll, operation, connection.fd, &event);
-}
-
-void RawRelay::acceptAll() {
-    for (int fd; (fd = accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
-        const int on = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        auto connection = std::make_unique<Connection>(fd);
-        watch(*connection, EPOLL_CTL_ADD);
-        m_connections.emplace(connection.get(), std::move(connection));
+class RawRelay {
+public:
+    explicit RawRelay(std::uint16_t port) : m_listener(listenOn(port)), m_epoll(epoll_create1(EPOLL_CLOEXEC)) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.ptr = nullptr;
+        epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_listener, &event);
     }
-}
 
-void RawRelay::put(Connection& connection, const void* bytes, std::size_t count) {
-    std::size_t sent = 0;
-    if (connection.unsent.empty()) {
-        const ssize_t result = send(connection.fd, bytes, count, MSG_NOSIGNAL);
-        sent = result > 0 ? static_cast<std::size_t>(result) : 0;
-    }
-    if (sent == count) return;
-    connection.unsent.append(static_cast<const char*>(bytes) + sent, count - sent);
-    if (connection.watchesRoom) return;
-    connection.watchesRoom = true;
-    watch(connection, EPOLL_CTL_MOD);
-}
-
-void RawRelay::onRoom(Connection& connection) {
-    const ssize_t sent = send(connection.fd, connection.unsent.data(), connection.unsent.size(), MSG_NOSIGNAL);
-    if (sent > 0) connection.unsent.erase(0, static_cast<std::size_t>(sent));
-    if (!connection.unsent.empty()) return;
-    connection.watchesRoom = false;
-    watch(connection, EPOLL_CTL_MOD);
-}
-
-void RawRelay::end(Connection& connection) {
-    if (connection.isDead) return;
-    connection.isDead = true;
-    m_dead.push_back(&connection);
-    const auto waiting = m_waiting.find(connection.endpoint.key);
-    if (waiting != m_waiting.end() && waiting->second == &connection) m_waiting.erase(waiting);
-    if (connection.partner == nullptr) return;
-    connection.partner->partner = nullptr;
-    end(*connection.partner);
-}
-
-void RawRelay::answerHandshake(Connection& connection) {
-    const std::string_view text = connection.handshake;
-    constexpr std::string_view kKeyField = "Sec-WebSocket-Key: ";
-    const std::size_t path = text.find(' ') + 1;
-    const std::size_t field = text.find(kKeyField);
-    const auto endpoint = parsePath(text.substr(path, text.find(' ', path) - path));
-    if (!endpoint || field == std::string_view::npos) return end(connection);
-    const std::size_t key = field + kKeyField.size();
-    std::string answer = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n";
-    answer += "Sec-WebSocket-Accept: " + acceptValue(text.substr(key, text.find('\r', key) - key)) + "\r\n\r\n";
-    put(connection, answer.data(), answer.size());
-    connection.endpoint = *endpoint;
-    connection.isOpen = true;
-    connection.handshake = std::string();
-    join(connection);
-}
-
-void RawRelay::join(Connection& connection) {
-    const auto [place, isFirst] = m_waiting.try_emplace(connection.endpoint.key, &connection);
-    if (isFirst) return;
-    Connection& other = *place->second;
-    if (other.endpoint.isRemote == connection.endpoint.isRemote) return end(connection);
-    connection.partner = &other;
-    other.partner = &connection;
-    m_waiting.erase(place);
-    std::string greeting = "\x81";
-    greeting += static_cast<char>(kGreeting.size());
-    greeting += kGreeting;
-    put(other, greeting.data(), greeting.size());
-    put(connection, greeting.data(), greeting.size());
-}
-
-void RawRelay::relay(Connection& connection, std::size_t count) {
-    const std::uint8_t* const out = connection.rewriter.rewrite(m_in.data(), count, m_out.data());
-    const auto outBytes = static_cast<std::size_t>(out - m_out.data());
-    if (connection.partner != nullptr && outBytes > 0) put(*connection.partner, m_out.data(), outBytes);
-    if (!connection.rewriter.sawClose()) return;
-    constexpr std::uint8_t kGoodbye[] = {0x88, 2, 0x03, 0xe8};
-    put(connection, kGoodbye, sizeof kGoodbye);
-    end(connection);
-}
-
-void RawRelay::onBytes(Connection& connection, std::size_t count) {
-    if (connection.isOpen) return relay(connection, count);
-    connection.handshake.append(reinterpret_cast<const char*>(m_in.data()), count);
-    if (connection.handshake.find("\r\n\r\n") != std::string::npos) answerHandshake(connection);
-}
-
-void RawRelay::onReady(Connection& connection, std::uint32_t events) {
-    if (connection.isDead) return;
-    if (events & EPOLLOUT) onRoom(connection);
-    if (!(events & ~static_cast<std::uint32_t>(EPOLLOUT))) return;
-    const ssize_t count = recv(connection.fd, m_in.data(), m_in.size(), 0);
-    if (count > 0) return onBytes(connection, static_cast<std::size_t>(count));
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    end(connection);
-}
-
-void RawRelay::run() {
-    std::vector<epoll_event> events(kEventsPerWait);
-    while (true) {
-        const int count = epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), -1);
-        for (int i = 0; i < count; ++i) {
-            const epoll_event& event = events[static_cast<std::size_t>(i)];
-            if (event.data.ptr == nullptr) {
-                acceptAll();
-            } else {
-                onReady(*static_cast<Connection*>(event.data.ptr), event.events);
+    [[noreturn]] void run() {
+        std::vector<epoll_event> events(kEventsPerWait);
+        while (true) {
+            const int count = epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), -1);
+            for (int i = 0; i < count; ++i) {
+                const epoll_event& event = events[static_cast<std::size_t>(i)];
+                if (event.data.ptr == nullptr) {
+                    acceptAll();
+                } else {
+                    onReady(*static_cast<Connection*>(event.data.ptr), event.events);
+                }
             }
+            for (Connection* connection : m_dead) m_connections.erase(connection);
+            m_dead.clear();
         }
-        for (Connection* connection : m_dead) m_connections.erase(connection);
-        m_dead.clear();
     }
-}
+
+private:
+    void watch(Connection& connection, int operation) {
+        epoll_event event{};
+        event.events = connection.watchesRoom ? EPOLLIN | EPOLLOUT : EPOLLIN;
+        event.data.ptr = &connection;
+        epoll_ctl(m_epoll, operation, connection.fd, &event);
+    }
+
+    void acceptAll() {
+        for (int fd; (fd = accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
+            const int on = 1;
+            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            auto connection = std::make_unique<Connection>(fd);
+            watch(*connection, EPOLL_CTL_ADD);
+            m_connections.emplace(connection.get(), std::move(connection));
+        }
+    }
+
+    void put(Connection& connection, const void* bytes, std::size_t count) {
+        std::size_t sent = 0;
+        if (connection.unsent.empty()) {
+            const ssize_t result = send(connection.fd, bytes, count, MSG_NOSIGNAL);
+            sent = result > 0 ? static_cast<std::size_t>(result) : 0;
+        }
+        if (sent == count) return;
+        connection.unsent.append(static_cast<const char*>(bytes) + sent, count - sent);
+        if (connection.watchesRoom) return;
+        connection.watchesRoom = true;
+        watch(connection, EPOLL_CTL_MOD);
+    }
+
+    void onRoom(Connection& connection) {
+        const ssize_t sent = send(connection.fd, connection.unsent.data(), connection.unsent.size(), MSG_NOSIGNAL);
+        if (sent > 0) connection.unsent.erase(0, static_cast<std::size_t>(sent));
+        if (!connection.unsent.empty()) return;
+        connection.watchesRoom = false;
+        watch(connection, EPOLL_CTL_MOD);
+    }
+
+    void end(Connection& connection) {
+        if (connection.isDead) return;
+        connection.isDead = true;
+        m_dead.push_back(&connection);
+        const auto waiting = m_waiting.find(connection.endpoint.key);
+        if (waiting != m_waiting.end() && waiting->second == &connection) m_waiting.erase(waiting);
+        if (connection.partner == nullptr) return;
+        connection.partner->partner = nullptr;
+        end(*connection.partner);
+    }
+
+    void answerHandshake(Connection& connection) {
+        const std::string_view text = connection.handshake;
+        constexpr std::string_view kKeyField = "Sec-WebSocket-Key: ";
+        const std::size_t path = text.find(' ') + 1;
+        const std::size_t field = text.find(kKeyField);
+        const auto endpoint = parsePath(text.substr(path, text.find(' ', path) - path));
+        if (!endpoint || field == std::string_view::npos) return end(connection);
+        const std::size_t key = field + kKeyField.size();
+        std::string answer = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n";
+        answer += "Sec-WebSocket-Accept: " + acceptValue(text.substr(key, text.find('\r', key) - key)) + "\r\n\r\n";
+        put(connection, answer.data(), answer.size());
+        connection.endpoint = *endpoint;
+        connection.isOpen = true;
+        connection.handshake = std::string();
+        join(connection);
+    }
+
+    void join(Connection& connection) {
+        const auto [place, isFirst] = m_waiting.try_emplace(connection.endpoint.key, &connection);
+        if (isFirst) return;
+        Connection& other = *place->second;
+        if (other.endpoint.isRemote == connection.endpoint.isRemote) return end(connection);
+        connection.partner = &other;
+        other.partner = &connection;
+        m_waiting.erase(place);
+        const std::string greeting = std::string{'\x81', static_cast<char>(kGreeting.size())}.append(kGreeting);
+        put(other, greeting.data(), greeting.size());
+        put(connection, greeting.data(), greeting.size());
+    }
+
+    void relay(Connection& connection, std::size_t count) {
+        const std::uint8_t* const out = connection.rewriter.rewrite(m_in.data(), count, m_out.data());
+        const auto outBytes = static_cast<std::size_t>(out - m_out.data());
+        if (connection.partner != nullptr && outBytes > 0) put(*connection.partner, m_out.data(), outBytes);
+        if (!connection.rewriter.sawClose()) return;
+        constexpr std::uint8_t kGoodbye[] = {0x88, 2, 0x03, 0xe8};
+        put(connection, kGoodbye, sizeof kGoodbye);
+        end(connection);
+    }
+
+    void onBytes(Connection& connection, std::size_t count) {
+        if (connection.isOpen) return relay(connection, count);
+        connection.handshake.append(reinterpret_cast<const char*>(m_in.data()), count);
+        if (connection.handshake.find("\r\n\r\n") != std::string::npos) answerHandshake(connection);
+    }
+
+    void onReady(Connection& connection, std::uint32_t events) {
+        if (connection.isDead) return;
+        if (events & EPOLLOUT) onRoom(connection);
+        if (!(events & ~static_cast<std::uint32_t>(EPOLLOUT))) return;
+        const ssize_t count = recv(connection.fd, m_in.data(), m_in.size(), 0);
+        if (count > 0) return onBytes(connection, static_cast<std::size_t>(count));
+        if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+        end(connection);
+    }
+
+    int m_listener;
+    int m_epoll;
+    std::vector<std::uint8_t> m_in = std::vector<std::uint8_t>(kReadBytes);
+    // A frame may shrink on its way but never grows.
+    std::vector<std::uint8_t> m_out = std::vector<std::uint8_t>(kReadBytes + kClientHeaderBytes);
+    std::unordered_map<Connection*, std::unique_ptr<Connection>> m_connections;
+    std::unordered_map<std::string, Connection*> m_waiting;
+    std::vector<Connection*> m_dead;  // freed when the events in hand, which may name them, are done
+};
 
 }  // namespace
 }  // namespace zenk_bench
 
 int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN);
     zenk_bench::RawRelay relay(zenk_bench::portFrom(argc, argv));
     zenk_bench::announceReady();
     relay.run();
