@@ -144,8 +144,8 @@ class Television(unittest.IsolatedAsyncioTestCase):
                 self.assertTrue(wait_until(reply))
             asker.send(b"quitwc")
             self.assertTrue(host.line("the wall clock was told to quit"))
-            host.process.send_signal(15)
-            self.assertEqual(host.exit_code(PATIENCE / 2), 0)  # in the pause, too
+            host.send_signal(15)
+            self.assertEqual(host.wait(PATIENCE / 2), 0)  # in the pause, too
 
     async def test_files_of_the_options_are_used_or_refused(self):
         with tempfile.TemporaryDirectory() as folder:

@@ -86,9 +86,10 @@ class ClockProbe(unittest.TestCase):
             report = json.loads(text)
             self.assertEqual((code, report["lost"], report["not_matched"]), (0, 0, 0))
             self.assertLess(abs(report["offset_ns"]), report["dispersion_ns"])
-            self.assertIn("3 sent, 3 answered, 0 lost", run("zenk_wcprobe", f"127.0.0.1:{host.wc_port}", "--count=3")[1])
-        for words, code in [([f"127.0.0.1:{free_port()}", "--count=1"], 1), ([], 2), (["nowhere"], 2), (["h:1", "--x"], 2)]:
-            self.assertEqual(run("zenk_wcprobe", *words)[0], code, words)
+            _, text = run("zenk_wcprobe", f"127.0.0.1:{host.wc_port}", "--count=3")
+            self.assertIn("3 sent, 3 answered, 0 lost", text)
+        for line, code in [(f"127.0.0.1:{free_port()} --count=1", 1), ("", 2), ("nowhere", 2), ("h:1 --x", 2)]:
+            self.assertEqual(run("zenk_wcprobe", *line.split())[0], code, line)
 
     def test_takes_the_best_of_the_true_replies_each_of_them_once_by_the_formulas_of_the_standard(self):
         with socket.socket(type=socket.SOCK_DGRAM) as server:
@@ -109,7 +110,8 @@ class ClockProbe(unittest.TestCase):
                         server.sendto(datagram, client)
                 report = json.loads("".join(iter(probe.line, None)))
         self.assertEqual([report[name] for name in ("sent", "answered", "lost", "not_matched")], [4, 3, 1, 11])
-        self.assertEqual(report["server_clock"], {"precision_log2": -10, "max_freq_error": 256000, "freq_error_ppm": 1000})
+        self.assertEqual(list(report["server_clock"].items()), [
+            ("precision_log2", -10), ("max_freq_error", 256000), ("freq_error_ppm", 1000)])
         self.assertEqual(sum(row["count"] for row in report["histogram"]), 3)
         trips = report["round_trip_ns"]
         self.assertTrue(0 <= trips["min"] < SECOND // 100 < trips["median"] <= trips["p99"])
