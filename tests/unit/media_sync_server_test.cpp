@@ -83,6 +83,10 @@ TEST_F(Front, RemovalWaitsForARunningCall) {
     service.wait();
     connect("/b");
     EXPECT_EQ(first.take(), Heard{"new 1 /a"});
+    second.status = 1;
+    server.addObserver(&second);
+    EXPECT_EQ(filter(open(4, "/c")), 403);
+    std::async(std::launch::async, [this] { server.removeObserver(&second); }).wait();  // a refusal is no call
 }
 
 TEST_F(Front, HostThreadsNeverReachAClosedConnection) {
