@@ -59,15 +59,19 @@ TEST_F(Time, SaysGoodbyeAfterALongCallback) {
 }
 
 TEST_F(Time, CutsWhoDoesNotAnswerItsCloseOrIsDeaf) {
-    limits.closeStall = 300ms;
-    serve();
-    RawClient silent, deaf;
-    ASSERT_TRUE(silent.upgrade(server->port, "/x") && deaf.upgrade(server->port, "/x"));
-    write(2, std::string(6'000'000, 'x'));
-    for (const int number : {1, 2}) close(number, 1000);
-    EXPECT_TRUE(server->isGone(1) && server->isGone(2));
-    EXPECT_EQ(silent.closeCode(), 1000);
-    EXPECT_TRUE(silent.waitForEnd());
+    for (auto* const limit : {&limits.closeStall, &limits.closeTotal}) {
+        server.reset();  // it reads the limits
+        limits = zenk_ws::Limits();
+        *limit = 300ms;
+        serve();
+        RawClient silent, deaf;
+        ASSERT_TRUE(silent.upgrade(server->port, "/x") && deaf.upgrade(server->port, "/x"));
+        write(2, std::string(6'000'000, 'x'));
+        for (const int number : {1, 2}) close(number, 1000);
+        EXPECT_TRUE(server->isGone(1, 3s) && server->isGone(2, 3s));
+        EXPECT_EQ(silent.closeCode(), 1000);
+        EXPECT_TRUE(silent.waitForEnd());
+    }
 }
 
 TEST_F(Time, GivesMemoryBackToWhatRests) {
