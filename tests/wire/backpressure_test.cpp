@@ -57,7 +57,7 @@ TEST_F(Backpressure, LetsWhoIsHeldGoWhenEitherEndsOrTheReaderTakesNothingForTooL
     EXPECT_EQ(pair.local.closeCode(), 1000);
     zenk_ws::limits().backlogStall = 800ms;
     SetUp();
-    ASSERT_LT(flood(pair.local), kMany);
+    flood(pair.local, 200);
     EXPECT_EQ(pair.local.closeCode(), 1000);
     EXPECT_TRUE(server->isGone(2));
 }
@@ -146,6 +146,11 @@ TEST_F(HostBurst, CutsNobodyForTheLengthOfOneMessageElseWhoHasMost) {
                   {64 * kMiB, {{1, 1}, {1, 8'400'000}, {2, 1}}, {}, {1}},
                   {6'000'000, {{2, 1'000'000}, {1, 20'000'000}}, {20'000'000}, {1'000'000}},
                   {6'000'000, {{1, 4'000'000}, {2, 1'000'000}, {2, 1'500'000}}, {}, {1'000'000, 1'500'000}}};
+    for (int burst = 0; burst < 3; ++burst) {  // what has been taken counts no more
+        send(2, 8'000'000);
+        expectTaken(second, {8'000'000});
+    }
+    SetUp();
     for (const auto& [total, sent, byFirst, bySecond] : bursts) {
         zenk_ws::limits().hostTotalBytes = total;
         for (const auto& [number, bytes] : sent) send(number, bytes);

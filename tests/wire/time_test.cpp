@@ -14,9 +14,10 @@ TEST_F(Time, FindsPeersThatVanishedAndKeepsThoseThatAnswer) {
     limits.pingAfter = 300ms;
     limits.hangUpAfter = 1200ms;
     serve();
-    RawClient vanished, held, alive;
-    for (RawClient* const client : {&vanished, &held, &alive}) ASSERT_TRUE(client->upgrade(server->port, "/x"));
+    RawClient vanished, held, alive, deaf;
+    for (RawClient* const client : {&vanished, &held, &alive, &deaf}) ASSERT_TRUE(client->upgrade(server->port, "/x"));
     hold(2);
+    write(4, std::string(8'000'000, 'x'));
     if (!vanished.vanish() || !held.vanish()) GTEST_SKIP() << "the system lets no one vanish without a word";
     for (const auto end = std::chrono::steady_clock::now() + 4s; std::chrono::steady_clock::now() < end;) {
         const auto ping = alive.receiveFrame(100ms);
@@ -24,6 +25,7 @@ TEST_F(Time, FindsPeersThatVanishedAndKeepsThoseThatAnswer) {
     }
     EXPECT_TRUE(server->isGone(1, 0ms) && server->isGone(2, 0ms));
     EXPECT_NE(server->connection(3), nullptr) << "who answers was cut";
+    EXPECT_NE(server->connection(4), nullptr) << "who could not hear was cut";
 }
 
 TEST_F(Time, CutsNobodyForATimeInWhichItStoodStill) {

@@ -23,6 +23,7 @@ inline std::size_t residentBytes() {
 class Wire : public testing::Test {
 protected:
     ~Wire() override {
+        EXPECT_EQ(server->faults, 0);
         server.reset();  // it reads the limits
         zenk_ws::limits() = zenk_ws::Limits();
     }
