@@ -51,7 +51,7 @@ protected:
     template <typename Kind>
     void build(auto& css, ZenkCSSEventCallback callback, const void* data) {
         css.reset();
-        css.reset(new Kind::Server);
+        css.reset(new typename Kind::Server);
         ((*css).*Kind::kRegister)(callback, data);
         css->setEnableInterDevSync(true);
         server.addObserver(css.get());
