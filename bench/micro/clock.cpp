@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -131,6 +132,8 @@ bool reach(Load& load) {
     for (int i = 0; i < kTriesToReachIt; ++i) {
         load.ask();
         if (load.isAnswered()) return true;
+        // A port that nobody has bound yet refuses at once; the server's thread may be late.
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
 }
