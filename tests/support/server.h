@@ -22,6 +22,7 @@ namespace zenk_test {
 class Server : public ClientObserver {
 public:
     explicit Server(int servedPort = freePort()) : port(servedPort) {
+        m_connections.reserve(10'000);  // what a test lets fail is to be the library's memory
         frontEnd.enablePairing = true;
         frontEnd.addObserver(this);
         m_thread = std::thread([this] { startWebSocketServer(port, &frontEnd); });
