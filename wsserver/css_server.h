@@ -51,7 +51,7 @@ public:
         server.m_dispatcher = nullptr;
         server.m_enableInterDevSync = false;
         storeShared(Server::m_instance, nullptr);
-        setCallback(server, nullptr, nullptr, trace);
+        setCallback(server, nullptr, nullptr, trace);  // which writes the end of the trace, too
     }
 
     static void newClient(Server& server, const char* uri, int clientId, const Trace& trace) try {
