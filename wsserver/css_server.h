@@ -19,9 +19,8 @@ namespace zenk {
 /// What the CSS-CII and the CSS-TS server do in the same way; their exported operations forward to it. A trace comes
 /// from the operation, and all that is told carries its line, since it names that operation's file too.
 ///
-/// `Kind` says what differs: the Server itself, its kName and its kRefusal on standard output, the kPath that its
-/// clients ask for, the numbers of its events, its traced operations kExists and kAdd on the list of its clients, and
-/// kGiveUrl, which makes its URL.
+/// `Kind` says what differs: the Server itself, its kName on standard output, the kPath that its clients ask for, the
+/// kFirstEvent of its three, and its traced operations kExists and kAdd on the list of its clients.
 template <typename Kind>
 class CssServer {
 public:
@@ -38,7 +37,7 @@ public:
         std::printf("%s m_maxClientNum = %d\n", Kind::kName, server.m_maxClientNum);
         // Last, since events come from here on.
         attempt(server, trace, [&] {
-            if (server.m_events != nullptr) server.m_events->enter(&server, server.m_server, Kind::kNewClient);
+            if (server.m_events != nullptr) server.m_events->enter(&server, server.m_server, kNewClient);
         });
         trace.leave(trace.line());
     }
@@ -60,7 +59,7 @@ public:
         const std::string requrl(uri);
         trace.text("requrl", requrl.c_str(), trace.line());
         if (requrl.find(Kind::kPath) != std::string::npos && (server.*Kind::kAdd)(clientId) != 0) {
-            post(server, Kind::kNewClient, clientId, {});
+            post(server, kNewClient, clientId, {});
         }
         trace.leave(trace.line());
     } catch (const std::exception&) {
@@ -72,7 +71,7 @@ public:
         // Throws when the length is negative.
         std::string msg(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
         trace.text("msg", msg.c_str(), trace.line());
-        post(server, Kind::kMessage, clientId, std::move(msg));
+        post(server, kMessage, clientId, std::move(msg));
         trace.leave(trace.line());
     } catch (const std::exception&) {
         trace.fail(trace.line());
@@ -82,7 +81,7 @@ public:
     static void clientLeave(Server& server, int clientId, const Trace& trace) {
         const bool wasListed = (server.*Kind::kExists)(clientId) != 0;
         if (!wasListed || server.m_clientIds.remove(clientId) != Removal::kRemoved) return trace.fail(trace.line());
-        post(server, Kind::kClientLeave, clientId, {});
+        post(server, kClientLeave, clientId, {});
         trace.leave(trace.line());
     }
 
@@ -113,11 +112,13 @@ public:
         trace.leave(trace.line());
     }
 
-    static void giveEndpoint(std::string& endpoint, const Trace& trace) try {
+    /// @param giveUrl  the front end's operation that makes the URL
+    static void giveEndpoint(std::string& endpoint, void (MediaSyncServer::*giveUrl)(std::string&),
+                             const Trace& trace) try {
         MediaSyncServer* const frontEnd = MediaSyncServer::getInstance();
         if (frontEnd == nullptr) return trace.fail(trace.line());
         std::string url;
-        (frontEnd->*Kind::kGiveUrl)(url);
+        (frontEnd->*giveUrl)(url);
         endpoint = url;
         trace.text("url.c_str()", url.c_str(), trace.line());
         trace.leave(trace.line());
@@ -152,6 +153,10 @@ public:
     }
 
 private:
+    using Event = decltype(Kind::kFirstEvent);
+    static constexpr Event kNewClient = Kind::kFirstEvent, kMessage = Event(kNewClient + 1),
+                           kClientLeave = Event(kNewClient + 2);
+
     /// Where there is no memory for it the server comes up without a dispatcher: clients are served, but the host hears
     /// of none.
     template <typename Step>
@@ -166,11 +171,10 @@ private:
     static bool hasRoom(const Server& server) {
         std::printf("m_maxClientNum = %d\n", server.m_maxClientNum);
         if (!server.m_clientIds.holds(server.m_maxClientNum)) return true;
-        std::puts(Kind::kRefusal);
+        std::printf("%s Client num reach max number, can't connect\n", Kind::kName);
         return false;
     }
 
-    template <typename Event>
     static void post(Server& server, Event event, int clientId, std::string message) {
         if (server.m_dispatcher != nullptr)
             queueEvent(*server.m_events, {event, &server, clientId, std::move(message)});

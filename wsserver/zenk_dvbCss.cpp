@@ -31,24 +31,19 @@ namespace {
 
 struct Cii {
     using Server = ZenkCSSCIIServer;
-    static constexpr char kName[] = "CII", kRefusal[] = "CII Client num reach max number, can't connect";
-    static constexpr const char* kPath = zenk::kCiiPath;
-    static constexpr ZenkCSSEvent kNewClient = CSS_EVENT_CII_NEW_CLIENT, kMessage = CSS_EVENT_CII_MESSAGE,
-                                  kClientLeave = CSS_EVENT_CII_CLIENT_LEAVE;
+    static constexpr const char *kName = "CII", *kPath = zenk::kCiiPath;
+    static constexpr ZenkCSSEvent kFirstEvent = CSS_EVENT_CII_NEW_CLIENT;
     static constexpr auto kExists = &Server::ciiClientIdExists, kAdd = &Server::addCiiClientId;
-    static constexpr auto kGiveUrl = &MediaSyncServer::getInterDevSyncUrl;
 };
-using CiiServer = zenk::CssServer<Cii>;
 
 struct Ts {
     using Server = ZenkCSSTSServer;
-    static constexpr char kName[] = "TS", kRefusal[] = "TS Client num reach max number, can't connect";
-    static constexpr const char* kPath = zenk::kTsPath;
-    static constexpr ZenkCSSEvent kNewClient = CSS_EVENT_TS_NEW_CLIENT, kMessage = CSS_EVENT_TS_MESSAGE,
-                                  kClientLeave = CSS_EVENT_TS_CLIENT_LEAVE;
+    static constexpr const char *kName = "TS", *kPath = zenk::kTsPath;
+    static constexpr ZenkCSSEvent kFirstEvent = CSS_EVENT_TS_NEW_CLIENT;
     static constexpr auto kExists = &Server::tsClientIdExists, kAdd = &Server::addTsClientId;
-    static constexpr auto kGiveUrl = &MediaSyncServer::getCssTsEndpoint;
 };
+
+using CiiServer = zenk::CssServer<Cii>;
 using TsServer = zenk::CssServer<Ts>;
 
 }  // namespace
@@ -149,36 +144,65 @@ void* cssEventThread(void* argument) {
     return nullptr;
 }
 
-// ---------------------------------------------------------------- CSS-CII server
+// ---------------------------------------------------------------- CSS-CII and CSS-TS server
 
 ZenkCSSCIIServer* ZenkCSSCIIServer::m_instance = nullptr;
+ZenkCSSTSServer* ZenkCSSTSServer::m_instance = nullptr;
 
 ZenkCSSCIIServer::ZenkCSSCIIServer() {
     CiiServer::setUp(*this, {}, Trace());
+}
+
+ZenkCSSTSServer::ZenkCSSTSServer() {
+    TsServer::setUp(*this, {}, Trace());
 }
 
 ZenkCSSCIIServer::ZenkCSSCIIServer(std::string& initString) {
     CiiServer::setUp(*this, initString, Trace());
 }
 
+ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) {
+    TsServer::setUp(*this, initString, Trace());
+}
+
 ZenkCSSCIIServer::~ZenkCSSCIIServer() {
     CiiServer::tearDown(*this, Trace());
+}
+
+ZenkCSSTSServer::~ZenkCSSTSServer() {
+    TsServer::tearDown(*this, Trace());
 }
 
 void ZenkCSSCIIServer::onNewClient(char* uri, int clientId) {
     CiiServer::newClient(*this, uri, clientId, Trace());
 }
 
+void ZenkCSSTSServer::onNewClient(char* uri, int clientId) {
+    TsServer::newClient(*this, uri, clientId, Trace());
+}
+
 void ZenkCSSCIIServer::onMessage(unsigned char* message, int length, int clientId) {
     CiiServer::message(*this, message, length, clientId, Trace());
+}
+
+void ZenkCSSTSServer::onMessage(unsigned char* message, int length, int clientId) {
+    TsServer::message(*this, message, length, clientId, Trace());
 }
 
 void ZenkCSSCIIServer::onClientLeave(int clientId) {
     CiiServer::clientLeave(*this, clientId, Trace());
 }
 
+void ZenkCSSTSServer::onClientLeave(int clientId) {
+    TsServer::clientLeave(*this, clientId, Trace());
+}
+
 int ZenkCSSCIIServer::getCssServerStatus() {
     return CiiServer::status(*this, Trace());
+}
+
+int ZenkCSSTSServer::getCssServerStatus() {
+    return TsServer::status(*this, Trace());
 }
 
 void ZenkCSSCIIServer::registerCIIEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*),
@@ -186,86 +210,38 @@ void ZenkCSSCIIServer::registerCIIEventCallback(void (*callback)(ZenkCSSEvent, Z
     CiiServer::setCallback(*this, callback, userData, Trace());
 }
 
-void ZenkCSSCIIServer::unRegisterCIIEventCallback() {
-    CiiServer::setCallback(*this, nullptr, nullptr, Trace());
-}
-
-void ZenkCSSCIIServer::setEnableInterDevSync(bool enable) {
-    CiiServer::enable(*this, enable, Trace());
-}
-
-void ZenkCSSCIIServer::getCssCiiEndpoint(std::string& endpoint) {
-    CiiServer::giveEndpoint(endpoint, Trace());
-}
-
-int ZenkCSSCIIServer::addCiiClientId(int clientId) {
-    const Trace trace;
-    return m_clientIds.add(clientId) == Addition::kAdded ? trace.leave(1) : trace.fail(0);
-}
-
-int ZenkCSSCIIServer::removeCiiClientId(int clientId) {
-    const Trace trace;
-    const Removal removal = CiiServer::remove(*this, clientId);
-    if (removal == Removal::kListWasEmpty) trace.fail();
-    return removal == Removal::kRemoved ? 1 : 0;
-}
-
-int ZenkCSSCIIServer::ciiClientIdExists(int clientId) {
-    const Trace trace;
-    return trace.leave(m_clientIds.contains(clientId) ? 1 : 0);
-}
-
-void ZenkCSSCIIServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info) {
-    CiiServer::dispatch(*this, event, info, Trace());
-}
-
-// ---------------------------------------------------------------- CSS-TS server
-
-ZenkCSSTSServer* ZenkCSSTSServer::m_instance = nullptr;
-
-ZenkCSSTSServer::ZenkCSSTSServer() {
-    TsServer::setUp(*this, {}, Trace());
-}
-
-ZenkCSSTSServer::ZenkCSSTSServer(std::string& initString) {
-    TsServer::setUp(*this, initString, Trace());
-}
-
-ZenkCSSTSServer::~ZenkCSSTSServer() {
-    TsServer::tearDown(*this, Trace());
-}
-
-void ZenkCSSTSServer::onNewClient(char* uri, int clientId) {
-    TsServer::newClient(*this, uri, clientId, Trace());
-}
-
-void ZenkCSSTSServer::onMessage(unsigned char* message, int length, int clientId) {
-    TsServer::message(*this, message, length, clientId, Trace());
-}
-
-void ZenkCSSTSServer::onClientLeave(int clientId) {
-    TsServer::clientLeave(*this, clientId, Trace());
-}
-
-int ZenkCSSTSServer::getCssServerStatus() {
-    return TsServer::status(*this, Trace());
-}
-
 void ZenkCSSTSServer::registerTSEventCallback(void (*callback)(ZenkCSSEvent, ZenkCSSEevntInfo*, void const*),
                                               void const* userData) {
     TsServer::setCallback(*this, callback, userData, Trace());
+}
+
+void ZenkCSSCIIServer::unRegisterCIIEventCallback() {
+    CiiServer::setCallback(*this, nullptr, nullptr, Trace());
 }
 
 void ZenkCSSTSServer::unRegisterTSEventCallback() {
     TsServer::setCallback(*this, nullptr, nullptr, Trace());
 }
 
+void ZenkCSSCIIServer::setEnableInterDevSync(bool enable) {
+    CiiServer::enable(*this, enable, Trace());
+}
+
 void ZenkCSSTSServer::setEnableInterDevSync(bool enable) {
     TsServer::enable(*this, enable, Trace());
 }
 
+void ZenkCSSCIIServer::getCssCiiEndpoint(std::string& endpoint) {
+    CiiServer::giveEndpoint(endpoint, &MediaSyncServer::getInterDevSyncUrl, Trace());
+}
+
 void ZenkCSSTSServer::getCssTsEndpoint(std::string& endpoint) {
-    TsServer::giveEndpoint(endpoint, Trace());
+    TsServer::giveEndpoint(endpoint, &MediaSyncServer::getCssTsEndpoint, Trace());
+}
+
+int ZenkCSSCIIServer::addCiiClientId(int clientId) {
+    const Trace trace;
+    return m_clientIds.add(clientId) == Addition::kAdded ? trace.leave(1) : trace.fail(0);
 }
 
 // This server's operations on its list write other ends to the trace than those of the CSS-CII server.
@@ -274,6 +250,13 @@ int ZenkCSSTSServer::addTsClientId(int clientId) {
     const Addition addition = m_clientIds.add(clientId);
     if (addition == Addition::kNoMemory) trace.fail();
     return addition == Addition::kAdded ? 1 : 0;
+}
+
+int ZenkCSSCIIServer::removeCiiClientId(int clientId) {
+    const Trace trace;
+    const Removal removal = CiiServer::remove(*this, clientId);
+    if (removal == Removal::kListWasEmpty) trace.fail();
+    return removal == Removal::kRemoved ? 1 : 0;
 }
 
 int ZenkCSSTSServer::removeTsClientId(int clientId) {
@@ -289,9 +272,18 @@ int ZenkCSSTSServer::removeTsClientId(int clientId) {
     return trace.leave(0);
 }
 
+int ZenkCSSCIIServer::ciiClientIdExists(int clientId) {
+    const Trace trace;
+    return trace.leave(m_clientIds.contains(clientId) ? 1 : 0);
+}
+
 int ZenkCSSTSServer::tsClientIdExists(int clientId) {
     const Trace trace;
     return m_clientIds.contains(clientId) ? 1 : 0;
+}
+
+void ZenkCSSCIIServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info) {
+    CiiServer::dispatch(*this, event, info, Trace());
 }
 
 void ZenkCSSTSServer::dispatchEventToMS(ZenkCSSEvent event, ZenkCSSEevntInfo* info) {
