@@ -56,8 +56,8 @@ int lws_get_socket_fd(::lws* wsi) {
 }
 
 const char* lws_hdr_simple_ptr(::lws* wsi, int token) {
-    const std::optional<std::string>& header = token == kTokenPath ? wsi->path : wsi->query;
-    return header ? header->c_str() : nullptr;
+    if (token == kTokenPath) return wsi->path.c_str();
+    return wsi->query ? wsi->query->c_str() : nullptr;
 }
 
 int lws_is_final_fragment(::lws* wsi) {

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <functional>
 
+#include <algorithm>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,7 +17,8 @@
 /// what the library does to connections. Tests make them by hand, and nobody may reach one that is not open any more.
 struct lws {
     int socketFd;
-    std::optional<std::string> path = {}, query = {};
+    std::string path = {};
+    std::optional<std::string> query = {};
     bool isOpen = true, isFinal = true, isBinary = false;
 };
 
@@ -39,40 +41,37 @@ inline std::function<void()> g_onHold;    ///< called before a client is held, i
 /// A MediaSyncServer whose connections the test opens, feeds and closes by hand.
 class FrontEnd : public testing::Test {
 protected:
-    using Text = std::optional<std::string>;
-
     FrontEnd() { takeActions(); }  // an earlier test's
 
-    lws* open(int socketFd, Text path, Text query = {}) {
-        return &m_connections.emplace_back(lws{socketFd, std::move(path), std::move(query)});
+    lws* open(int socketFd, const std::string& uri) {
+        const std::size_t mark = std::min(uri.find('?'), uri.size());
+        lws& wsi = m_connections.emplace_back(lws{socketFd, uri.substr(0, mark)});
+        if (mark < uri.size()) wsi.query = uri.substr(mark + 1);
+        return &wsi;
     }
-    int filter(lws* wsi) { return serverOn(wsi).onFilterConnection(); }
-    void establish(lws* wsi) { serverOn(wsi).onConnect(); }
-    lws* connect(const std::string& path, Text query = {}) {
-        lws* const wsi = open(m_nextSocket++, path, std::move(query));
+    int filter(lws* wsi) { return on(wsi).onFilterConnection(); }
+    void establish(lws* wsi) { on(wsi).onConnect(); }
+    lws* connect(const std::string& uri) {
+        lws* const wsi = open(m_nextSocket++, uri);
         EXPECT_EQ(filter(wsi), 0);
         establish(wsi);
         return wsi;
     }
     void message(lws* wsi, std::string text, bool binary = false) {
-        serverOn(wsi).onMessage(reinterpret_cast<unsigned char*>(text.data()), static_cast<int>(text.size()), binary);
+        on(wsi).onMessage(reinterpret_cast<unsigned char*>(text.data()), static_cast<int>(text.size()), binary);
     }
     int close(lws* wsi) {
-        const int result = serverOn(wsi).onClose();
+        const int result = on(wsi).onClose();
         wsi->isOpen = false;
         return result;
     }
-
-private:
-    MediaSyncServer& serverOn(lws* wsi) {
+    MediaSyncServer& on(lws* wsi) {
         server.m_wsi = wsi;
         return server;
     }
 
     std::deque<lws> m_connections;
     int m_nextSocket = 5;
-
-protected:
     MediaSyncServer server;
 };
 

@@ -1,10 +1,11 @@
 // Connections, observers and pairs over a stand-in of the layer: who is told what, and what is written to whom.
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <climits>
-#include <functional>
-#include <future>
 #include <list>
 #include <random>
+#include <thread>
 
 #include "tests/support/front_end.h"
 #include "wsserver/client_ids.h"
@@ -17,9 +18,6 @@ using Heard = std::vector<std::string>;
 
 /// Writes down what it hears; `inCall` runs inside each of its calls.
 struct Listener : ClientObserver {
-    ~Listener() override {
-        if (m_server != nullptr) m_server->removeObserver(this);
-    }
     void onNewClient(char* uri, int id) override { note("new " + std::to_string(id) + " " + uri); }
     void onMessage(unsigned char* message, int length, int id) override {
         note(std::to_string(id) + ": " + std::string(message, message + length));
@@ -34,193 +32,131 @@ struct Listener : ClientObserver {
     std::function<void()> inCall = [] {};
 };
 
+const std::string kLongPath = "/a-path-too-long-to-stand-inside-a-string-object";
+
 class Front : public zenk_test::FrontEnd {
 protected:
     Listener first, second;
 };
 
-TEST_F(Front, UrlsOutliveTheirConnectionForAWhileAndIdsGoOnAtOne) {
-    server.addObserver(&first);
-    lws* const css = connect("/css-cii/a-path-too-long-to-stand-inside-a-string-object", "q");
-    const char* const url = first.getUrl(1);
-    std::string copy = url;
-    close(css);
-    EXPECT_STREQ(first.getUrl(1), "NONE");
-    EXPECT_FALSE(first.copyUrl(1, copy));
+TEST_F(Front, ObserversMayLeaveInsideACallAndUrlsOutliveTheirConnection) {
+    auto leaving = std::make_unique<Listener>();
+    for (Listener* each : {leaving.get(), &first, leaving.get(), &second}) server.addObserver(each);
+    first.inCall = [&] { leaving == nullptr ? server.removeObserver(&first) : leaving.reset(); };
+    lws* const wsi = connect(kLongPath);
+    const char* const url = second.getUrl(1);
+    close(wsi);
+    EXPECT_EQ(first.take(), (Heard{"new 1 " + kLongPath, "left 1"}));
+    EXPECT_EQ(second.take(), (Heard{"new 1 " + kLongPath, "left 1"})) << "the walk neither skips nor repeats";
     for (int i = 0; i < 255; ++i) close(connect("/another"));
-    EXPECT_EQ(url, copy);
+    EXPECT_EQ(url, kLongPath);
+    EXPECT_EQ(first.take(), Heard());
     EXPECT_EQ(nextClientId(INT_MAX - 1, {{1, nullptr}, {2, nullptr}, {INT_MAX, nullptr}}), 3) << "not one in use";
 }
 
-TEST_F(Front, ObserversMayLeaveInsideACallAndOutliveTheirServer) {
-    auto leaving = std::make_unique<Listener>();
-    auto other = std::make_unique<MediaSyncServer>();
-    for (Listener* each : {leaving.get(), &first, leaving.get(), &second}) server.addObserver(each);
-    first.inCall = [&] { leaving == nullptr ? server.removeObserver(&first) : leaving.reset(); };
-    close(connect("/a"));
-    EXPECT_EQ(first.take(), (Heard{"new 1 /a", "left 1"}));
-    EXPECT_EQ(second.take(), (Heard{"new 1 /a", "left 1"})) << "the walk neither skips nor repeats";
-    other->addObserver(&first);
-    other.reset();
-    connect("/b");
-    first.sendMessage(nullptr, 0, -1);
-    first.closeClientConnection(-1);
-    EXPECT_TRUE(takeActions().empty());
-    EXPECT_STREQ(first.getUrl(2), "NONE");
-    EXPECT_EQ(first.take(), Heard());
-}
-
-TEST_F(Front, RemovalWaitsForARunningCall) {
+TEST_F(Front, RemovalWaitsForARunningCallButNotForOneThatHasRefused) {
+    std::thread removal;
+    std::atomic<bool> isRemoved = false;
+    first.inCall = [&] {
+        removal = std::thread([&] { server.removeObserver(&first), isRemoved = true; });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(isRemoved);
+    };
     server.addObserver(&first);
-    std::promise<void> entered, release;
-    first.inCall = [&entered, &release] { entered.set_value(), release.get_future().wait(); };
-    auto service = std::async(std::launch::async, [this] { connect("/a"); });
-    entered.get_future().wait();
-    auto removal = std::async(std::launch::async, [this] { server.removeObserver(&first); });
-    EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    release.set_value();
-    removal.wait();
-    service.wait();
-    connect("/b");
-    EXPECT_EQ(first.take(), Heard{"new 1 /a"});
+    connect("/a");
+    removal.join();
     second.status = 1;
     server.addObserver(&second);
     EXPECT_EQ(filter(open(4, "/c")), 403);
-    std::async(std::launch::async, [this] { server.removeObserver(&second); }).wait();  // a refusal is no call
+    std::thread([this] { server.removeObserver(&second); }).join();
 }
 
 TEST_F(Front, HostThreadsNeverReachAClosedConnection) {
     server.addObserver(&first);
-    const std::string path = "/css-cii/some/path/of/a/certain/length";
-    const std::jthread host([&](const std::stop_token& end) {
-        for (int i = 0; !end.stop_requested(); ++i) {
-            Listener passing;
-            server.addObserver(&passing);
-            char text[] = "x";
-            first.sendMessage(text, 1, i % 7 == 0 ? -1 : i % 300);
-            if (i % 5 == 0) first.closeClientConnection(i % 300);
-            std::string url = path;
-            first.copyUrl(i % 300, url);
-            EXPECT_EQ(url, path);
-            EXPECT_NE(first.getUrl(i % 300)[0], '\0');
+    std::atomic<bool> isOver = false;
+    const std::jthread host([&] {
+        std::string url = kLongPath;
+        for (int id = 0; id < 1000; ++id) {
+            first.sendMessage(url.data(), 1, -1);
+            first.closeClientConnection(-1);
+            first.copyUrl(id, url);
+            EXPECT_EQ(url, kLongPath);
         }
+        isOver = true;
     });
-    std::list<lws*> connections;
-    for (int i = 0; i < 300; ++i) {
-        connections.push_back(connect(path));
-        message(connections.back(), "m");
-        if (i % 3 == 0) close(connections.front()), connections.pop_front();
+    while (!isOver) {
+        close(connect(kLongPath));
         takeActions();  // or they fill the memory
     }
 }
 
-/// The rules of pairing as plain walks over a list.
-struct Model {
-    struct Record {
-        std::string endpoint;
-        lws* sides[2] = {nullptr, nullptr};  // local, remote
-    };
-    std::list<Record> list;
-    std::vector<Action> actions;
-    bool isEnabled = false;
-
-    void connect(const std::string& endpoint, int side, lws* wsi) {
-        auto r = std::ranges::find_if(
-            list, [&](const Record& each) { return each.endpoint == endpoint && each.sides[side] == nullptr; });
-        const bool isMet = r != list.end() && isEnabled;
-        if (r == list.end()) r = list.insert(r, Record{endpoint});
-        r->sides[side] = wsi;
-        for (lws* each : r->sides)
-            if (isMet) actions.push_back({Action::kWrite, each, 0, "pairingcompleted"});
-    }
-    /// What befalls a connection: bytes from it, or its end. @return whether it is one of a pair
-    bool act(lws* wsi, const std::string* bytes, bool isBinary) {
-        const auto r =
-            std::ranges::find_if(list, [&](Record& each) { return std::ranges::count(each.sides, wsi) > 0; });
-        if (r == list.end()) return false;
-        lws*& side = r->sides[r->sides[0] == wsi ? 0 : 1];
-        lws* const other = r->sides[r->sides[0] == wsi ? 1 : 0];
-        if (bytes == nullptr) side = nullptr;
-        if (bytes == nullptr && other == nullptr) list.erase(r);
-        if (bytes == nullptr && other != nullptr) actions.push_back({Action::kClose, other, 1000, ""});
-        if (bytes != nullptr && other != nullptr && isEnabled)
-            actions.push_back({Action::kWrite, other, isBinary ? 1 : 0, *bytes});
-        return true;
-    }
-};
-
 // What stands behind "/local/hbbtv/" or "/remote/hbbtv/", and the endpoint that it names.
-const std::pair<std::string, std::string> kRests[] = {{"token/a", "/a"}, {"other/a", "/a"}, {"a", "a"},
-                                                      {"t/", "/"},       {"", ""},          {"/hbbtv/a", "/hbbtv/a"},
-                                                      {"a?b=c/a", "/a"}, {"t/a?", "/a?"},   {"t/A", "/A"}};
-const std::string kOthers[] = {"/local/hbbtv", "/css-cii/x", "?/local/hbbtv/t/a", "/Remote/hbbtv/t/a?x=1", ""};
+const std::pair<std::string, std::string> kRests[] = {
+    {"token/a", "/a"}, {"a?b=c/a", "/a"}, {"a", "a"}, {"", ""}, {"/hbbtv/a", "/hbbtv/a"}, {"t/hbbtv/a", "/hbbtv/a"}};
+const std::string kOthers[] = {"/local/hbbtv", "/css-cii/x?", "/Remote/hbbtv/t/a?/", "?/local/hbbtv/t/a", "", "/"};
 
-// Connections come, speak and go, the host speaks, closes and changes its mind. Sockets are few and used again.
+// Connections come, speak and go, and the host changes its mind. Sockets are few and used again. Two peers of one
+// record are a pair, and a newcomer takes the oldest record that waits for its side.
 TEST_F(Front, FollowsItsModelInRandomSequences) {
     struct Peer {
         lws* wsi;
-        int id;
-        std::string uri;
+        int side, record, id;
+        std::string endpoint;
     };
-    std::mt19937 random(20240607);
-    const auto draw = [&random](std::size_t count) { return static_cast<int>(random() % count); };
-    const auto openUri = [this](int fd, const std::string& uri) {
-        const std::size_t query = std::min(uri.find('?'), uri.size());
-        return open(fd, query == 0 ? Text() : uri.substr(0, query),
-                    query == uri.size() ? Text() : uri.substr(query + 1));
-    };
-    std::vector<Peer> peers;
-    Model model;
+    std::list<Peer> peers;
+    std::vector<Action> actions;
     Heard expected;
     int lastId = 0;
-    for (Listener* each : {&first, &second}) server.addObserver(each);
+    std::mt19937 random(20240607);
+    const auto draw = [&random](std::size_t count) { return static_cast<int>(random() % count); };
+    const auto partnerOf = [&peers](const Peer& peer) {
+        const auto found = std::ranges::find_if(
+            peers, [&](const Peer& each) { return each.record == peer.record && each.side == 1 - peer.side; });
+        return found == peers.end() ? nullptr : found->wsi;
+    };
+    const auto relay = [&](lws* to, int type, const std::string& bytes) {
+        if (server.enablePairing && to != nullptr) actions.push_back({Action::kWrite, to, type, bytes});
+    };
+    server.addObserver(&first);
     for (int step = 0; step < 20'000; ++step) {
-        const int kind = peers.empty() ? 0 : draw(12), length = draw(4);
-        std::string bytes(static_cast<std::size_t>(length), static_cast<char>(draw(256)));
-        const auto chosen = peers.begin() + (peers.empty() ? 0 : draw(peers.size()));
+        const int kind = peers.empty() ? 0 : draw(12), fd = 1 + draw(24);
+        auto peer = std::next(peers.begin(), peers.empty() ? 0 : draw(peers.size()));
+        lws* partner = peers.empty() ? nullptr : partnerOf(*peer);
         if (kind < 4) {
-            const int fd = 1 + draw(24), side = draw(4), at = draw(9);
-            const int status = first.status == 1 || first.status == 2 ? first.status : second.status;
-            const int refusal = side < 2 ? 0 : status == 1 ? 403 : status == 2 ? 503 : 0;
+            const int side = draw(3), at = draw(6);
             const auto& [rest, endpoint] = kRests[at];
-            const std::string uri =
-                side > 1 ? kOthers[at % 5] : (side == 0 ? "/local/hbbtv/" : "/remote/hbbtv/") + rest;
-            if (std::ranges::any_of(peers, [fd](const Peer& peer) { return peer.wsi->socketFd == fd; })) continue;
-            lws* const wsi = openUri(fd, uri);
+            const std::string uri = side == 2 ? kOthers[at] : (side == 0 ? "/local/hbbtv/" : "/remote/hbbtv/") + rest;
+            if (std::ranges::any_of(peers, [fd](const Peer& each) { return each.wsi->socketFd == fd; })) continue;
+            lws* const wsi = open(fd, uri);
+            const int refusal = side < 2 ? 0 : std::array{0, 403, 503, 0}[static_cast<std::size_t>(first.status)];
             ASSERT_EQ(filter(wsi), refusal);
-            if (refusal != 0 || draw(16) == 0) continue;  // that one fails for another reason
-            if (draw(16) == 0) filter(openUri(99, "/another?handshake"));
+            if (refusal != 0) continue;
+            if (draw(16) == 0) filter(open(99, "/another-handshake"));
             establish(wsi);
-            peers.push_back({wsi, ++lastId, uri});
-            side > 1 ? expected.push_back("new " + std::to_string(lastId) + " " + uri)
-                     : model.connect(endpoint, side, wsi);
+            peer = peers.insert(peers.end(), {wsi, side, step, ++lastId, endpoint});
+            for (const Peer& each : peers)
+                if (each.side == 1 - side && each.endpoint == endpoint && partnerOf(each) == nullptr)
+                    peer->record = std::min(peer->record, each.record);
+            partner = partnerOf(*peer);
+            relay(side == 0 && partner != nullptr ? wsi : partner, 0, "pairingcompleted");
+            relay(side == 1 && partner != nullptr ? wsi : partner, 0, "pairingcompleted");
+            if (side == 2) expected.push_back("new " + std::to_string(lastId) + " " + uri);
         } else if (kind == 4) {
-            const int act = draw(3), id = draw(3) == 0 ? draw(3) - 1 : chosen->id;  // -1 is everybody
-            if (act == 0) first.sendMessage(bytes.data(), length, id);
-            if (act == 1) first.sendMessageAll(bytes.data(), length, id);
-            if (act == 2) first.closeClientConnection(id);
-            const Action action{act == 2 ? Action::kClose : Action::kWrite, nullptr, act == 2 ? 1001 : 0,
-                                act == 2 ? "" : bytes};
-            for (const Peer& peer : peers)
-                if (act == 1 ? peer.id != id : id == -1 || peer.id == id)
-                    model.actions.push_back(action), model.actions.back().wsi = peer.wsi;
-        } else if (kind == 5) {
             first.status = draw(4);
-            second.status = draw(4);
-            model.isEnabled = server.enablePairing = draw(2) == 0;
+            server.enablePairing = draw(2) == 0;
         } else if (kind < 9) {
-            const std::string heard = std::to_string(chosen->id) + ": " + bytes;
-            message(chosen->wsi, bytes, length == 1);
-            if (!model.act(chosen->wsi, &bytes, length == 1)) expected.push_back(heard);
+            const std::string bytes(static_cast<std::size_t>(draw(4)), static_cast<char>(draw(256)));
+            message(peer->wsi, bytes, kind == 5);
+            relay(partner, kind == 5 ? 1 : 0, bytes);
+            if (peer->side == 2) expected.push_back(std::to_string(peer->id) + ": " + bytes);
         } else {
-            for (const int result : {0, -1}) ASSERT_EQ(close(chosen->wsi), result);
-            if (!model.act(chosen->wsi, nullptr, false)) expected.push_back("left " + std::to_string(chosen->id));
-            peers.erase(chosen);
+            for (const int result : {0, -1}) ASSERT_EQ(close(peer->wsi), result);
+            if (partner != nullptr) actions.push_back({Action::kClose, partner, 1000, ""});
+            if (peer->side == 2) expected.push_back("left " + std::to_string(peer->id));
+            peers.erase(peer);
         }
-        ASSERT_EQ(takeActions(), std::exchange(model.actions, {})) << "step " << step;
-        ASSERT_EQ(first.take(), expected) << "step " << step;
-        ASSERT_EQ(second.take(), std::exchange(expected, {}));
-        for (const Peer& peer : peers) ASSERT_EQ(first.getUrl(peer.id), peer.uri);
+        ASSERT_EQ(takeActions(), std::exchange(actions, {})) << "step " << step;
+        ASSERT_EQ(first.take(), std::exchange(expected, {})) << "step " << step;
     }
 }
 
