@@ -1,37 +1,63 @@
 // Every traced operation at each of its exits, beside a record of what they write, print and ask of the layer. In the
 // record, trace.golden, only times, ids, tokens and line numbers are left out.
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-
 #include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
 
 #include "log/zenk_log.h"
-#include "tests/support/css_host.h"
+#include "tests/support/event_threads.h"
+#include "tests/support/front_end.h"
 #include "tests/support/raw_client.h"
-#include "tests/trace/outside.h"
+#include "wsserver/zenk_dvbCss.h"
+
+// The system calls whose failures have exits of their own, in the test's hand through the linker's wrap.
+static std::atomic<bool> g_noSockets = false, g_receiveFails = false;
+static std::atomic<int> g_receives = 0;    // calls of recvmsg()
+static auto& g_routes = *new std::string;  // the route table; empty: it cannot be opened
+
+extern "C" {
+std::FILE* __real_fopen(const char* path, const char* mode);
+int __real_socket(int family, int type, int protocol);
+ssize_t __real_recvmsg(int fd, msghdr* datagram, int flags);
+
+std::FILE* __wrap_fopen(const char* path, const char* mode) {
+    if (std::string_view(path) != "/proc/net/route") return __real_fopen(path, mode);
+    return g_routes.empty() ? nullptr : fmemopen(g_routes.data(), g_routes.size(), "r");
+}
+int __wrap_socket(int family, int type, int protocol) {
+    return g_noSockets ? -1 : __real_socket(family, type, protocol);
+}
+ssize_t __wrap_recvmsg(int fd, msghdr* datagram, int flags) {
+    ++g_receives;
+    if (g_receiveFails) fd = -1;
+    return __real_recvmsg(fd, datagram, flags);
+}
+}
 
 namespace zenk_test {
 namespace {
 
 /// The lines without what changes from run to run, by thread: the test's own, the clock's, the event thread's.
-std::string record(const std::string& output) {
-    const std::regex reset("\033\\[0m"), changing(", line: [1-9]\\d*|[0-9a-f]{32}"),
-        stamp("\033\\[(\\d+)mtime=[\\d/]+ [\\d:]+,timestamp=\\d+,pid=\\d+,tid=(\\d+),logtype=info ");
-    std::istringstream lines(
-        std::regex_replace(std::regex_replace(std::regex_replace(output, reset, ""), stamp, "$2 $1 "), changing, "*"));
-    const std::string own = std::to_string(gettid()) + " ";
+std::string record(std::string output) {
+    const std::pair<std::regex, const char*> changes[] = {
+        {std::regex("\033\\[0m"), ""},
+        {std::regex("\033\\[(\\d+)mtime=[\\d/]+ [\\d:]+,timestamp=\\d+,pid=\\d+,tid=(\\d+),logtype=info "), "$2 $1 "},
+        {std::regex(", line: [1-9]\\d*|[0-9a-f]{32}"), "*"}};
+    for (const auto& [what, by] : changes) output = std::regex_replace(output, what, by);
+    std::istringstream lines(output);
     std::map<std::string, std::string> threads;
     for (std::string line; std::getline(lines, line);) {
-        const bool isTrace = std::isdigit(line[0]) != 0, isClocks = line.starts_with("##MS##");
-        const bool isOwn = isTrace ? line.starts_with(own) : !isClocks;
-        const bool isClock = isClocks || line.find("startWCServer") != line.npos;
-        if (isTrace) line.erase(0, line.find(' ') + 1);
-        threads[isOwn ? "" : isClock ? "clock" : "events"] += line + "\n";
+        const bool isTrace = std::isdigit(line[0]) != 0, isReply = line.starts_with("##MS##");
+        const bool isOwn = isTrace ? line.starts_with(std::to_string(gettid()) + " ") : !isReply;
+        const bool isClock = isReply || line.find("startWCServer") != line.npos;
+        threads[isOwn     ? ""
+                : isClock ? "# clock\n"
+                          : "# events\n"] += line.substr(isTrace ? line.find(' ') + 1 : 0) + "\n";
     }
-    return threads[""] + "# clock\n" + threads["clock"] + "# events\n" + threads["events"];
+    std::string all;
+    for (const auto& [name, its] : threads) all += name + its;
+    return all;
 }
 
 std::atomic<int> g_events = 0;
@@ -48,6 +74,11 @@ struct Observer : ClientObserver {
     int status = 0, newest = 0;
 };
 
+/// A route table with one route, by that interface.
+std::string routeBy(const std::string& interface) {
+    return "header\n" + interface + "\t0001A8C0\t0\t0003\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
+}
+
 class Trace : public FrontEnd {
 protected:
     static void noteLayer() {
@@ -56,11 +87,12 @@ protected:
     }
     void registryAndPairing() {
         MediaSyncServer::getInstance();
-        for (observer.status = 1; observer.status < 3; ++observer.status) filter(open(4, "/x"));
+        for (observer.status = 1; observer.status < 3; ++observer.status)
+            std::printf("status %d\n", filter(open(4, "/x")));
         observer.status = 0;
         lws *const local = connect("/local/hbbtv/t/n"), *const remote = connect("/remote/hbbtv/u/n");
         for (const char* path : {"/remote/hbbtv/t/m", "/local/hbbtv/u/m"}) connect(path);
-        lws *const other = connect("/x", "y"), *const unknown = open(99, "/y");
+        lws *const other = connect("/x?y"), *const unknown = open(99, "/y");
         server.handlePairingConnection("/local/hbbtv/t/socket-0", 0, unknown);
         for (lws* wsi : {local, other, unknown}) message(wsi, "text");
         server.enablePairing = false;
@@ -82,27 +114,23 @@ protected:
         noteLayer();
     }
     void addresses() {
-        const std::string header = "header\n", route = "\t0001A8C0\t0\t0003\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
         char address[16] = "before";
-        const auto tell = [&] { std::printf("result %d %s\n", getLocalIpAddr(address, 15), address); };
-        tell();
         // A short line takes the missing columns from the next one, or is stopped by its name.
         for (const std::string& routes :
-             {std::string(), std::string("no newline"), header, header + "a-name-of-19-letters" + route,
-              header + "x y z\n\n\n! ! !", header + "eth0\t1\t2\nwlan0" + route,
-              header + "eth0\t1\t2\t3\t4\t5\t6\t7\t8\t9\nabc" + route, header + "eth0" + route + "wlan0" + route}) {
-            outside::routes = routes;
-            tell();
+             {std::string(), std::string("no newline"), routeBy("a-name-of-19-letters"), routeBy("x y z\n\n\n! ! !"),
+              routeBy("none0\t1\t2\nnone1"), routeBy("none0\t1\t2\t3\t4\t5\t6\t7\t8\t9\nabc"), routeBy("none0")}) {
+            g_routes = routes;
+            std::printf("result %d %s\n", getLocalIpAddr(address, 15), address);
         }
-        outside::noSockets = true;
-        tell();
-        outside::noSockets = false;
+        g_noSockets = true;
+        getLocalIpAddr(address, 15);
+        g_noSockets = false;
         ZenkCSSEventDispatcher dispatcher;
         std::string url, port = "6677";
         ZenkCSSWCServer clock(port);
         server.m_port = 7681;
-        for (const char* known : {"", "10.11.12.13"}) {
-            outside::address = known;
+        for (const char* interface : {"none0", "lo"}) {
+            g_routes = routeBy(interface);
             for (const auto give : {&MediaSyncServer::getApp2AppLocalBaseUrl, &MediaSyncServer::getApp2AppRemoteBaseUrl,
                                     &MediaSyncServer::getInterDevSyncUrl, &MediaSyncServer::getCssTsEndpoint}) {
                 (server.*give)(url);
@@ -112,14 +140,21 @@ protected:
             std::puts(url.c_str());
         }
     }
-    template <typename Kind>
+    template <std::size_t kKind>
     void css() {
+        using Cii = ZenkCSSCIIServer;
+        using Ts = ZenkCSSTSServer;
+        const auto pick = [](auto... each) { return std::get<kKind>(std::tuple(each...)); };
+        const auto add = pick(&Cii::addCiiClientId, &Ts::addTsClientId);
+        const auto remove = pick(&Cii::removeCiiClientId, &Ts::removeTsClientId);
+        const auto exists = pick(&Cii::ciiClientIdExists, &Ts::tsClientIdExists);
+        const auto subscribe = pick(&Cii::registerCIIEventCallback, &Ts::registerTSEventCallback);
         ZenkCSSEventDispatcher dispatcher;
-        std::string text = "init", url, ours = std::string("/x") + Kind::kUri + "y", other = "/css-";
+        std::string text = "init", url, ours = pick("/x/css-ciiy", "/x/css-tsy"), other = "/css-";
         unsigned char bytes[] = "h\0i";
-        std::make_unique<typename Kind::Server>(text);
-        EXPECT_EQ(Kind::Server::m_instance, nullptr);
-        typename Kind::Server css;
+        using Server = std::tuple_element_t<kKind, std::tuple<Cii, Ts>>;
+        std::make_unique<Server>(text);
+        Server css;
         const auto tellStatus = [&] { std::printf("status %d\n", css.getCssServerStatus()); };
         const auto tell = [&](auto call, int id) { std::printf("%+d: %d\n", id, (css.*call)(id)), noteLayer(); };
         css.setEnableInterDevSync(false);
@@ -128,35 +163,34 @@ protected:
         css.setEnableInterDevSync(true);
         tellStatus();
         ZenkCSSEevntInfo info{7, "none of these is delivered"};
-        const auto dispatch = [&] { css.dispatchEventToMS(static_cast<ZenkCSSEvent>(Kind::kNew), &info); };
-        (css.*Kind::kRegister)(noteEvent, nullptr);
+        const auto dispatch = [&] { css.dispatchEventToMS(static_cast<ZenkCSSEvent>(3 * kKind), &info); };
+        (css.*subscribe)(noteEvent, nullptr);
         dispatch();
-        (css.*Kind::kRegister)(noteEvent, &css);
-        for (const int id : {1000, 1000}) tell(Kind::kAdd, id);
-        tell(Kind::kExists, 1000);
+        (css.*subscribe)(noteEvent, &css);
+        for (const int id : {1000, 1000}) tell(add, id);
+        tell(exists, 1000);
         for (char* uri : {ours.data(), ours.data(), static_cast<char*>(nullptr)}) css.onNewClient(uri, 1);
         css.onNewClient(other.data(), 2);
         for (const int id : {1, 55}) css.onMessage(bytes, 3, id);
         css.onMessage(nullptr, 2, 1);
         for (const int id : {1, 1}) css.onClientLeave(id);
-        EXPECT_TRUE(waitUntil([] { return g_events == 3; }));
+        EXPECT_TRUE(waitUntil([] { return g_events == 3 * (kKind + 1); }));
         connect("/x");
-        for (const int id : {observer.newest, observer.newest, 1000}) tell(Kind::kRemove, id);
-        for (const int id : {observer.newest, observer.newest - 1}) tell(Kind::kAdd, id);
-        for (const int id : {-1, -1}) tell(Kind::kRemove, id);
-        (css.*Kind::kUnregister)();
+        for (const int id : {observer.newest, observer.newest, 1000}) tell(remove, id);
+        for (const int id : {observer.newest, observer.newest - 1}) tell(add, id);
+        for (const int id : {-1, -1}) tell(remove, id);
+        (css.*pick(&Cii::unRegisterCIIEventCallback, &Ts::unRegisterTSEventCallback))();
         dispatch();
-        for (int id = 100; id < 125; ++id) (css.*Kind::kAdd)(id);
+        for (int id = 100; id < 125; ++id) (css.*add)(id);
         tellStatus();
         for (std::string* uri : {&ours, &other}) css.onNewClient(uri->data(), 9);
         for (const bool isOn : {true, false}) css.setEnableInterDevSync(isOn), noteLayer();
-        tell(Kind::kExists, 100);
+        tell(exists, 100);
         dispatch();
-        for (const char* known : {"", "10.11.12.13"}) {
-            outside::address = known;
-            (css.*Kind::kEndpoint)(url);
+        for (const char* interface : {"none0", "lo"}) {
+            g_routes = routeBy(interface);
+            (css.*pick(&Cii::getCssCiiEndpoint, &Ts::getCssTsEndpoint))(url);
         }
-        g_events = 0;
     }
     void dispatcher() {
         cssEventThread(nullptr);
@@ -168,7 +202,7 @@ protected:
         { ZenkCSSWCServer builder; }
         dispatcher.reset(ZenkCSSEventDispatcher::m_instance);
         dispatcher->stopEventThread();
-        EXPECT_TRUE(waitUntil([] { return eventThreads() == 0; }));
+        EXPECT_TRUE(waitForEventThreads(0));
     }
     void clock() {
         const int number = freePort();
@@ -186,20 +220,20 @@ protected:
             attach(::bind, blocker, number);
             clock.startWCServer();
         }
-        for (std::atomic<bool>* const trouble : {&outside::receiveFails, &outside::noSockets}) {
+        for (std::atomic<bool>* const trouble : {&g_receiveFails, &g_noSockets}) {
             *trouble = true;
             clock.startWCServer();
             *trouble = false;
         }
         std::fputs(testing::internal::GetCapturedStderr().c_str(), stdout);
         for (const std::string end : {"quitwc", "stop", "stop without a socket"}) {
-            outside::receives = 0;
+            g_receives = 0;
             const std::jthread thread([&] { clock.startWCServer(); });
             EXPECT_TRUE(waitUntil([&] { return client.send("question") && !client.receive(32).empty(); }));
-            EXPECT_TRUE(waitUntil([] { return outside::receives == 2; })) << "it waits for the next one";
-            outside::noSockets = end == "stop without a socket";
+            EXPECT_TRUE(waitUntil([] { return g_receives == 2; })) << "it waits for the next one";
+            g_noSockets = end == "stop without a socket";
             end == "quitwc" ? clock.startWCServer() : clock.stopWCServer();
-            outside::noSockets = false;
+            g_noSockets = false;
             client.send(end + '\0');
         }
     }
@@ -215,8 +249,8 @@ TEST_F(Trace, IsAsRecorded) {
     registryAndPairing();
     outbound();
     addresses();
-    css<Cii>();
-    css<Ts>();
+    css<0>();
+    css<1>();
     dispatcher();
     clock();
     clear_modules_list();
