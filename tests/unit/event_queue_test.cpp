@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -46,10 +47,10 @@ protected:
         self.m_then(event);
     }
     void build(auto& css, auto subscribe) {
-        css.emplace();
+        css = std::make_unique<typename std::remove_reference_t<decltype(css)>::element_type>();
         ((*css).*subscribe)(onEvent, this);
         css->setEnableInterDevSync(true);
-        server.addObserver(&*css);
+        server.addObserver(css.get());
     }
     static void queue(unsigned event, void* css, int clientId, std::string message = {}) {
         ZenkDispatcherInfo record{static_cast<ZenkCSSEvent>(event), css, clientId, std::move(message)};
@@ -70,7 +71,7 @@ protected:
     /// Keeps the event thread in a callback of TS, which has begun.
     void holdUp() {
         m_allowed = m_passed = 0;
-        queue(4, &*m_ts, 1);
+        queue(4, m_ts.get(), 1);
         ASSERT_EQ(take(1), (Events{{4, 1, ""}}));
     }
 
@@ -78,8 +79,8 @@ protected:
     Events m_events;  // guarded by m_mutex
     std::atomic<int> m_allowed = INT_MAX, m_passed = 0;
     std::function<void(unsigned event)> m_then = [](unsigned) {};
-    std::optional<ZenkCSSCIIServer> m_cii;
-    std::optional<ZenkCSSTSServer> m_ts;
+    std::unique_ptr<ZenkCSSCIIServer> m_cii;
+    std::unique_ptr<ZenkCSSTSServer> m_ts;
     const std::array<std::function<void()>, 3> m_ends{[this] { m_cii.reset(); }, [this] { m_ts.reset(); },
                                                       [] { delete dispatcher(); }};
     const std::string m_megabyte = std::string(1'000'000, 'm');
@@ -87,13 +88,13 @@ protected:
 
 TEST_F(EventQueue, DeliversEachEventOnceAndInOrderAndOnlyToALivingServerThatItIsMeantFor) {
     for (const unsigned event : {5u, 0u, 3u, 6u, 1u, ~0u, 4u, 2u})
-        for (void* each : std::initializer_list<void*>{&*m_cii, &*m_ts, nullptr, this}) queue(event, each, 7);
+        for (void* each : std::initializer_list<void*>{m_cii.get(), m_ts.get(), nullptr, this}) queue(event, each, 7);
     EXPECT_EQ(take(6), (Events{{5, 7, ""}, {0, 7, ""}, {3, 7, ""}, {1, 7, ""}, {4, 7, ""}, {2, 7, ""}}));
     // Bursts with a pause behind each: the last event of a burst must not wait for the next burst.
     for (int burst = 0; burst < (kIsSanitized ? 50 : 500); ++burst) {
         Events expected;
         for (int i = 0; i < 1000; ++i) {
-            queue(4, &*m_ts, i);
+            queue(4, m_ts.get(), i);
             expected.emplace_back(4, i, "");
         }
         ASSERT_EQ(take(1000), expected);
@@ -102,17 +103,20 @@ TEST_F(EventQueue, DeliversEachEventOnceAndInOrderAndOnlyToALivingServerThatItIs
 
 TEST_F(EventQueue, WhoGoesWaitsForItsCallbackAndLeavesNothingToTheNextInItsPlace) {
     holdUp();
-    void* const cii = &*m_cii;
-    queue(1, cii, 1, "while it lives");
-    m_cii.reset();
+    std::optional<ZenkCSSCIIServer> css(std::in_place);
+    queue(1, &*css, 1, "while it lives");
+    css.reset();
     EXPECT_EQ(m_passed, 0) << "it waits for no foreign callback";
-    queue(1, cii, 2, "when it is dead");
-    build(m_cii, kCii);
-    for (const int client : {3, 4}) queue(1, cii, client, "for the new one");
+    queue(1, &*css, 2, "when it is dead");
+    css.emplace();
+    css->registerCIIEventCallback(onEvent, this);
+    css->setEnableInterDevSync(true);
+    queue(1, &*css, 3, "for the new one");
     dispatcher()->stopEventThread();
     m_allowed = 4;
     ASSERT_TRUE(waitForEventThreads(0));
     EXPECT_EQ(m_passed, 1) << "a stop waits for the callback, and the rest for another thread";
+    queue(1, &*css, 4, "for the new one");
     m_then = [](unsigned) { throw std::runtime_error("host"); };
     for (int twice = 0; twice < 2; ++twice) dispatcher()->startEventThread();
     EXPECT_EQ(take(2), (Events{{1, 3, "for the new one"}, {1, 4, "for the new one"}}));
@@ -137,7 +141,7 @@ TEST_F(EventQueue, HoldsAClientOfTheServerThatItCameTo) {
     ASSERT_TRUE(waitForEventThreads(0));
     for (int megabytes = 1; megabytes <= 6; ++megabytes) {
         EXPECT_EQ(takeActions(), megabytes < 6 ? Actions() : (Actions{hold(here), hold(away)}));
-        queue(1, &*m_cii, 1, m_megabyte);
+        queue(1, m_cii.get(), 1, m_megabyte);
         queue(4, &there, 1, m_megabyte);
     }
     m_cii.reset();
@@ -154,7 +158,7 @@ TEST_F(EventQueue, HoldsWhoeverSendsWhenAllAreAheadAndALateHoldIsNotTheLastWord)
     for (int client = 1; client <= 69; ++client) {  // each below its own mark; 64 MiB, and what is being delivered
         EXPECT_EQ(takeActions(), Actions());
         last = connect("/x");
-        queue(4, &*m_ts, client, m_megabyte);
+        queue(4, m_ts.get(), client, m_megabyte);
     }
     EXPECT_EQ(takeActions(), (Actions{hold(last), resume(last)})) << "while its own event still waits";
     m_allowed = 69;
