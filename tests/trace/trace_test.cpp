@@ -29,8 +29,7 @@ int __wrap_socket(int family, int type, int protocol) {
 }
 ssize_t __wrap_recvmsg(int fd, msghdr* datagram, int flags) {
     ++g_receives;
-    if (g_receiveFails) fd = -1;
-    return __real_recvmsg(fd, datagram, flags);
+    return __real_recvmsg(g_receiveFails ? -1 : fd, datagram, flags);
 }
 }
 
@@ -63,29 +62,24 @@ void noteEvent(ZenkCSSEvent event, ZenkCSSEevntInfo* info, void const*) {
     ++g_events;
 }
 
-struct Observer : ClientObserver {
-    int getCssServerStatus() override { return status; }
-    void onNewClient(char*, int clientId) override { newest = clientId; }
-    int status = 0, newest = 0;
-};
-
 /// A route table with one route, by that interface.
 std::string routeBy(const std::string& interface) {
     return "header\n" + interface + "\t0001A8C0\t0\t0003\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
 }
 
-class Trace : public FrontEnd {
+class Trace : public FrontEnd, public ClientObserver {
 protected:
+    int getCssServerStatus() override { return status; }
+    void onNewClient(char*, int clientId) override { newest = clientId; }
     static void noteLayer() {
         for (const auto& [kind, wsi, code, bytes] : takeActions())
             std::printf("layer: %d %d %d %s\n", wsi->socketFd, kind, code, bytes.c_str());
     }
     void registryAndPairing() {
-        server.addObserver(&observer);
+        server.addObserver(this);
         MediaSyncServer::getInstance();
-        for (observer.status = 1; observer.status < 3; ++observer.status)
-            std::printf("status %d\n", filter(open(4, "/x")));
-        observer.status = 0;
+        for (status = 1; status < 3; ++status) std::printf("status %d\n", filter(open(4, "/x")));
+        status = 0;
         server.enablePairing = true;
         lws *const local = connect("/local/hbbtv/t/n"), *const remote = connect("/remote/hbbtv/u/n");
         for (const char* path : {"/remote/hbbtv/t/m", "/local/hbbtv/u/m"}) connect(path);
@@ -97,17 +91,17 @@ protected:
         server.enablePairing = true;
         for (lws* wsi : {local, remote, other, unknown}) close(wsi);
     }
-    void outbound() {
+    void requests() {
         char text[] = "x";
         connect("/x");
-        for (const int id : {observer.newest, -1, 77, 0}) {
-            if (id == 0) server.removeObserver(&observer);
-            observer.sendMessage(text, 1, id);
-            observer.sendMessageAll(text, 1, id);
-            observer.closeClientConnection(id);
-            std::puts(observer.getUrl(id));
+        for (const int id : {newest, -1, 77, 0}) {
+            if (id == 0) server.removeObserver(this);
+            sendMessage(text, 1, id);
+            sendMessageAll(text, 1, id);
+            closeClientConnection(id);
+            std::puts(getUrl(id));
         }
-        server.addObserver(&observer);
+        server.addObserver(this);
         noteLayer();
     }
     void addresses() {
@@ -169,8 +163,8 @@ protected:
         for (const int id : {1, 1}) css.onClientLeave(id);
         EXPECT_TRUE(waitUntil([] { return g_events == 3 * (kKind + 1); }));
         connect("/x");
-        for (const int id : {observer.newest, observer.newest, 1000}) tell(remove, id);
-        for (const int id : {observer.newest, observer.newest - 1}) tell(add, id);
+        for (const int id : {newest, newest, 1000}) tell(remove, id);
+        for (const int id : {newest, newest - 1}) tell(add, id);
         for (const int id : {-1, -1}) tell(remove, id);
         (css.*pick(&Cii::unRegisterCIIEventCallback, &Ts::unRegisterTSEventCallback))();
         dispatch();
@@ -219,7 +213,7 @@ protected:
         }
     }
 
-    Observer observer;
+    int status = 0, newest = 0;
 };
 
 TEST_F(Trace, IsAsRecorded) {
@@ -227,7 +221,7 @@ TEST_F(Trace, IsAsRecorded) {
     testing::internal::CaptureStderr();
     insert_modules_list("PLUGIN", 1);
     registryAndPairing();
-    outbound();
+    requests();
     addresses();
     css<0>();
     css<1>();

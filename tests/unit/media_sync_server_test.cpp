@@ -71,25 +71,6 @@ TEST_F(Front, RemovalWaitsForARunningCallButNotForOneThatHasRefused) {
     std::thread([this] { server.removeObserver(&second); }).join();
 }
 
-TEST_F(Front, HostThreadsNeverReachAClosedConnection) {
-    server.addObserver(&first);
-    std::atomic<bool> isOver = false;
-    const std::jthread host([&] {
-        std::string url = kLongPath;
-        for (int id = 0; id < 1000; ++id) {
-            first.sendMessage(url.data(), 1, -1);
-            first.closeClientConnection(-1);
-            first.copyUrl(id, url);
-            EXPECT_EQ(url, kLongPath);
-        }
-        isOver = true;
-    });
-    while (!isOver) {
-        close(connect(kLongPath));
-        takeActions();  // or they fill the memory
-    }
-}
-
 // What stands behind "/local/hbbtv/" or "/remote/hbbtv/", and the endpoint that it names.
 const std::pair<std::string, std::string> kRests[] = {
     {"token/a", "/a"}, {"a?b=c/a", "/a"}, {"a", "a"}, {"", ""}, {"/hbbtv/a", "/hbbtv/a"}, {"t/hbbtv/a", "/hbbtv/a"}};
