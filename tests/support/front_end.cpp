@@ -9,7 +9,7 @@ std::vector<zenk_test::Action> g_actions;  // guarded by g_mutex
 
 int record(zenk_test::Action action) {
     const std::lock_guard lock(g_mutex);
-    EXPECT_TRUE(action.wsi == nullptr || action.wsi->isOpen) << "reached a connection that has gone";
+    EXPECT_TRUE(action.wsi->isOpen) << "reached a connection that has gone";
     g_actions.push_back(std::move(action));
     return 0;
 }
@@ -56,8 +56,7 @@ int lws_get_socket_fd(::lws* wsi) {
 }
 
 const char* lws_hdr_simple_ptr(::lws* wsi, int token) {
-    if (token == kTokenPath) return wsi->path.c_str();
-    return wsi->query ? wsi->query->c_str() : nullptr;
+    return token == kTokenPath ? wsi->path.c_str() : wsi->query ? wsi->query->c_str() : nullptr;
 }
 
 int lws_is_final_fragment(::lws* wsi) {

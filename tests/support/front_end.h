@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <deque>
 #include <functional>
 #include <optional>
@@ -44,9 +43,8 @@ protected:
     FrontEnd() { takeActions(); }  // an earlier test's
 
     lws* open(int socketFd, const std::string& uri) {
-        const std::size_t mark = std::min(uri.find('?'), uri.size());
-        lws& wsi = m_connections.emplace_back(lws{socketFd, uri.substr(0, mark)});
-        if (mark < uri.size()) wsi.query = uri.substr(mark + 1);
+        lws& wsi = m_connections.emplace_back(lws{socketFd, uri.substr(0, uri.find('?'))});
+        if (wsi.path != uri) wsi.query = uri.substr(wsi.path.size() + 1);
         return &wsi;
     }
     int filter(lws* wsi) { return on(wsi).onFilterConnection(); }
