@@ -27,10 +27,11 @@ bool waitUntil(const Predicate& predicate, Milliseconds patience = kPatience) {
     return true;
 }
 
-/// connect() or bind() with that port. @return whether it went well
+/// connect() or bind() with that port, whatever signal comes meanwhile: a fuzzer's alarm does. @return whether it went
+/// well
 inline bool attach(decltype(::connect)* how, const zenk::Socket& socket, int port) {
     const sockaddr_in address{AF_INET, htons(static_cast<in_port_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    return how(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return TEMP_FAILURE_RETRY(how(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address)) == 0;
 }
 
 /// @return a port that was free for TCP and UDP a moment ago. It lies below the range from which the system takes the
