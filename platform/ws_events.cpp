@@ -59,18 +59,10 @@ int Context::onEvent(::lws* wsi, lws_callback_reasons reason, void* user, void* 
 }
 
 int Context::dispatch(::lws* wsi, lws_callback_reasons reason, void* in, std::size_t len) {
-    switch (reason) {
-        case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
-            return checkUpgrade(wsi, static_cast<const char*>(in));
-        case LWS_CALLBACK_HTTP:
-            return refusePlainHttp(wsi);
-        case LWS_CALLBACK_RAW_ADOPT:
-            return refuseRawConnection(wsi);
-        case LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION:
-            return onHandshake(wsi);
-        default:
-            break;
-    }
+    if (reason == LWS_CALLBACK_HTTP_CONFIRM_UPGRADE) return checkUpgrade(wsi, static_cast<const char*>(in));
+    if (reason == LWS_CALLBACK_HTTP) return refusePlainHttp(wsi);
+    if (reason == LWS_CALLBACK_RAW_ADOPT) return refuseRawConnection(wsi);
+    if (reason == LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION) return onHandshake(wsi);
     // Events of the library's housekeeping come with a connection that is none.
     switch (reason) {
         case LWS_CALLBACK_ESTABLISHED:
