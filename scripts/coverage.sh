@@ -3,14 +3,9 @@
 #   TEST-FILTER  regular expression over test names, as for ctest -R
 # Prints what share of the library's lines and branches ran, and leaves a report in build-coverage/report/index.html.
 set -eu
+# shellcheck source=scripts/usage.sh
+. "$(dirname "$0")/usage.sh"
 cd "$(dirname "$0")/.."
-
-case ${1:-} in
--h | --help)
-    sed -n '2,4s/^# *//p' "$0"
-    exit 0
-    ;;
-esac
 
 scripts/install-dependencies.sh test check
 scripts/build.sh coverage

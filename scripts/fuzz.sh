@@ -5,18 +5,12 @@
 # Stops at the first finding and keeps its input in build-fuzz/findings/. What a run discovers goes to
 # build-fuzz/corpus/, where the next run begins; the seeds in tests/fuzz/corpus/ stay as they are.
 set -eu
+# shellcheck source=scripts/usage.sh
+. "$(dirname "$0")/usage.sh"
 cd "$(dirname "$0")/.."
-
-usage() {
-    sed -n '2,6s/^# *//p' "$0"
-}
 
 seconds=20
 case ${1:-} in
--h | --help)
-    usage
-    exit 0
-    ;;
 [0-9]*)
     seconds=$1
     shift

@@ -2,14 +2,9 @@
 # Lets companions of an independent library follow the reference host: CII, wall clock and timeline.
 # Prints how far each command of the television leaves them from it. Exit status: 0 when all follow, 1 when not
 set -eu
+# shellcheck source=scripts/usage.sh
+. "$(dirname "$0")/usage.sh"
 cd "$(dirname "$0")/.."
-
-case ${1:-} in
--h | --help)
-    sed -n '2,3s/^# *//p' "$0"
-    exit 0
-    ;;
-esac
 
 scripts/install-dependencies.sh interop
 scripts/build.sh release zenk_receiver

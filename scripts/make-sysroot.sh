@@ -4,8 +4,10 @@
 #   FOLDER  is made; give it to cmake in the environment as ZENK_SYSROOT
 # Nothing is installed on this machine.
 set -eu
+# shellcheck source=scripts/usage.sh
+. "$(dirname "$0")/usage.sh"
 if [ $# -ne 2 ]; then
-    sed -n '2,5s/^# *//p' "$0" >&2
+    usage >&2
     exit 2
 fi
 arch=$1

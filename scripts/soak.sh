@@ -3,14 +3,9 @@
 #   MINUTES  1 if not given
 # Prints a line every ten seconds and a verdict. Exit status: 0 clean, 1 not
 set -eu
+# shellcheck source=scripts/usage.sh
+. "$(dirname "$0")/usage.sh"
 cd "$(dirname "$0")/.."
-
-case ${1:-} in
--h | --help)
-    sed -n '2,4s/^# *//p' "$0"
-    exit 0
-    ;;
-esac
 
 scripts/install-dependencies.sh test
 scripts/build.sh release zenk_receiver

@@ -3,18 +3,10 @@
 #   PRESET       release (default), debug, asan, tsan, clang
 #   TEST-FILTER  regular expression over test names, as for ctest -R
 set -eu
+# shellcheck source=scripts/usage.sh
+. "$(dirname "$0")/usage.sh"
 cd "$(dirname "$0")/.."
 
-usage() {
-    sed -n '2,4s/^# *//p' "$0"
-}
-
-case ${1:-} in
--h | --help)
-    usage
-    exit 0
-    ;;
-esac
 if [ $# -gt 2 ]; then
     usage >&2
     exit 2

@@ -71,6 +71,19 @@ TEST(WallClock, CutsTheTimeByAUsableTick) {
     }
 }
 
+TEST(WCMessage, RefusesNullAndKeepsTheUpperBitsOfByteFields) {
+    ZenkWallClock clock;
+    ZenkWCMessage message{0x12345678, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    char wire[32] = {'\xE0'};
+    int length = -5;
+    EXPECT_EQ(clock.StringToZenkWCMessage(nullptr, 32, &message), -1);
+    EXPECT_EQ(clock.StringToZenkWCMessage(wire, 32, nullptr), -1);
+    EXPECT_EQ(clock.ZenkWCMessageToString(nullptr, wire, &length), -1);
+    EXPECT_EQ(clock.ZenkWCMessageToString(&message, nullptr, &length), -1);
+    EXPECT_EQ(clock.StringToZenkWCMessage(wire, 0, &message), 0);
+    EXPECT_TRUE(message.version == 0x123456E0 && length == -5);
+}
+
 class WCServer : public testing::Test {
 protected:
     WCServer() { m_peer.connect(m_port, SOCK_DGRAM); }
@@ -151,6 +164,16 @@ TEST_F(WCServer, LeavesDatagramsUnreadWhileIdleAndStopsThen) {
     for (int i = 0; i < 3; ++i) m_peer.send("");
     stop();
     EXPECT_LE(m_peer.receive(64, zenk_test::Milliseconds(10)).size(), 32U) << "only the next one may still be answered";
+}
+
+TEST_F(WCServer, OfManyStartsOneServes) {
+    std::string anyPort = "0";  // the bind lets all of them through
+    ZenkCSSWCServer server(anyPort);
+    std::atomic<int> ended = 0;
+    std::deque<std::jthread> starts;
+    for (int i = 0; i < 4; ++i) starts.emplace_back([&] { server.startWCServer(), ++ended; });
+    EXPECT_TRUE(waitUntil([&] { return ended == 3; }));
+    EXPECT_TRUE(waitUntil([&] { return server.stopWCServer(), ended == 4; }));
 }
 
 }  // namespace
