@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <ctime>
+#include <map>
+#include <random>
 #include <regex>
 #include <thread>
 
@@ -91,22 +94,39 @@ TEST_F(Log, NamesThreadForkedChildAndTimeZoneAndKeepsErrno) {
     EXPECT_EQ(errno, EDOM);
 }
 
-TEST_F(Log, TableKeepsWhatFitsAndTellsWhatDoesNot) {
-    const std::string longest(32, 'x'), over(33, 'x');
-    insert_modules_list((longest + "||" + over + "|A").c_str(), 2);
-    EXPECT_EQ(take(), "module:" + over + " set error, length is 33, out of max length:32\n");
-    char list[1025] = "";
-    EXPECT_EQ(get_modules_list(list), 3);
-    EXPECT_EQ(list, "A|FULL|" + longest);
-    insert_modules_list("B|C|D|E|F|G|H|I|J|K|L|M|N|O|P|Q|R|S|T", 1);
-    EXPECT_EQ(take(), "module:S set error, module_list map has number:20\n") << "the rest is left out";
-    insert_modules_list("B|NEVER", 0);
-    insert_modules_list("A|S", 1);
-    const std::pair<const char*, int> levels[] = {{"A", 2}, {"B", 1}, {"R", 2},
-                                                  {"S", 2}, {"T", 1}, {longest.c_str(), 1}};
-    for (const auto& [name, level] : levels) EXPECT_EQ(zenk_log_getLevel(name), level) << name;
-    clear_modules_list();
-    EXPECT_EQ(zenk_log_getLevel("FULL"), 1);
+TEST_F(Log, TableFollowsItsModelInRandomSequences) {
+    std::mt19937 random(20240607);
+    std::map<std::string, int> model{{"FULL", 1}};
+    for (int step = 0; step < 10'000; ++step) {
+        std::string list, told, report, name;
+        const int level = std::array{0, 1, 2, 255, -1}[random() % 5];
+        bool isTaken = true;
+        for (std::size_t left = random() % 12; left > 0; --left, list += name + "|") {
+            name.assign(random() % 35, static_cast<char>('A' + random() % 4));
+            const std::string refusal = "module:" + name + " set error, ";
+            if (!isTaken || name.empty()) continue;
+            if (name.size() > 32) {
+                told += refusal + "length is " + std::to_string(name.size()) + ", out of max length:32\n";
+            } else if (level == 0) {
+                model.erase(name);
+            } else if (isTaken = model.size() < 20; isTaken) {
+                model[name] = level;
+            } else {
+                told += refusal + "module_list map has number:20\n";
+            }
+        }
+        ASSERT_EQ(insert_modules_list(list.c_str(), level), 0);
+        ASSERT_EQ(take(), told);
+        if (step % 100 == 0) clear_modules_list(), model.clear();
+        for (const auto& [stored, value] : model) {
+            report += (report.empty() ? "" : "|") + stored;
+            ASSERT_EQ(zenk_log_getLevel(stored.c_str()), value == 1 ? 2 : 1) << stored;
+        }
+        char seen[1025] = "";
+        ASSERT_EQ(get_modules_list(seen), static_cast<int>(model.size()));
+        ASSERT_EQ(seen, report);
+        ASSERT_EQ(zenk_log_getLevel(name.c_str()), model.contains(name) && model[name] == 1 ? 2 : 1) << name;
+    }
     EXPECT_EQ(insert_modules_list(nullptr, 1), -1);
     EXPECT_EQ(zenk_log_getLevel(nullptr), 1);
 }
