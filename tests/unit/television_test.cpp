@@ -44,10 +44,12 @@ TEST_F(TelevisionTest, EachCommandStartsFromWhereTheLastOneHasLed) {
     const struct {
         const char* command;
         double position, speed;
-    } steps[] = {{"pause", 1, 0},        {"seek +10", 11, 0},        {"play", 11, 1},
-                 {"speed 2", 12, 2},     {" seek  -3.5\r", 10.5, 2}, {"seek -500", 0, 2},
-                 {"blackout", 2, 2},     {"seek 86400", 86400, 2},   {"seek +1", 86400, 2},
-                 {"speed -0", 86402, 0}, {"service 2", 0, 1}};
+    } steps[] = {{"pause", 1, 0},           {"pause", 1, 0},        {"seek +10", 11, 0},
+                 {"play", 11, 1},           {"speed 2", 12, 2},     {" seek  -3.5\r", 10.5, 2},
+                 {"speed 0.5", 12.5, .5},   {"seek 100", 100, .5},  {"blackout", 100.5, .5},
+                 {"blackout on", 101, .5},  {"seek -500", 0, .5},   {"blackout off", .5, .5},
+                 {"seek 86400", 86400, .5}, {"seek +1", 86400, .5}, {"speed -0", 86400.5, 0},
+                 {"service 2", 0, 1}};
     for (const auto& step : steps) {
         SCOPED_TRACE(step.command);
         m_now += kSecond;
@@ -64,13 +66,16 @@ TEST_F(TelevisionTest, EachCommandStartsFromWhereTheLastOneHasLed) {
 
 TEST_F(TelevisionTest, WrongCommandsAreRefusedWithAReasonAndChangeNothing) {
     const std::string before = m_television.status().dump();
-    for (const std::string& command :
-         {std::string(), std::string("play\nplay"), std::string("play\0", 5), std::string("pl\xffy"),
-          std::string("blackout maybe"), std::string("speed"), std::string("speed -1"), std::string("speed nan"),
-          std::string("seek 86401"), std::string("service 0"), std::string("service 3"), std::string(1 << 20, 'a')}) {
+    const auto expectRefusal = [this](const std::string& command) {
         const std::string answer = m_television.execute(command);
         EXPECT_TRUE(answer.starts_with("error: ") && answer.size() < 300) << command.substr(0, 99) << " -> " << answer;
-    }
+    };
+    for (const char* wrong :
+         {"", "paus", "pause now", "play\nplay", "pl\xffy", "blackout maybe", "speed", "speed -1", "speed 65",
+          "speed nan", "speed 1e999", "seek +-1", "seek 86401", "service 0", "service 3"})
+        expectRefusal(wrong);
+    expectRefusal({"play\0", 5});
+    expectRefusal(std::string(1 << 20, 'a'));
     EXPECT_TRUE(m_told.empty());
     EXPECT_EQ(m_television.status().dump(), before);
 }
@@ -128,9 +133,11 @@ TEST(CssMessages, JunkIsRefusedWithAReason) {
         return refusal([&] { css::readTsMessage(message.dump(), isFirst); });
     };
     EXPECT_EQ(refusalOf("{}"), "");
-    EXPECT_NE(refusalOf("{}", true), "");  // a setup comes first
+    EXPECT_EQ(refusalOf(R"({"actual":null})"), "");  // it may be missing
+    EXPECT_NE(refusalOf("{}", true), "");            // a setup comes first
     for (const char* wrong :
-         {R"({"latest":null})", R"({"earliest":{"wallClockTime":"plusinfinity"}})",
+         {R"({"actual":[]})", R"({"latest":null})", R"({"latest":{"wallClockTime":"minusinfinity"}})",
+          R"({"earliest":{"wallClockTime":"plusinfinity"}})", R"({"latest":{"contentTime":"-"}})",
           R"({"latest":{"contentTime":"111111111111111111111"}})", R"({"latest":{"contentTime":1}})"})
         EXPECT_NE(refusalOf(wrong), "") << wrong;
 }
@@ -148,7 +155,8 @@ TEST(Services, AFileIsReadOrRefusedWithItsNameAndTheReason) {
          {",\"pts\":{\"origin\":-1}}]", ",\"pts\":{\"origin\":1e99}}]", ",\"temi\":{}}]",
           ",\"temi\":[{\"componentTag\":256,\"timelineId\":0}]}]", "},{\"name\":\"\xff\"}]", "},1]"})
         EXPECT_TRUE(isRefused(head + wrong)) << wrong;
-    EXPECT_TRUE(isRefused(std::string(100'000, '[')));
+    for (const std::string& wrong : {std::string(), std::string(100'000, '['), std::string(2 << 20, ' ')})
+        EXPECT_TRUE(isRefused(wrong)) << wrong.substr(0, 99);
     std::filesystem::remove(file);
     EXPECT_NE(refusal([&file] { readServices(file); }), "");
     EXPECT_NE(refusal([] { readServices("/dev/zero"); }), "");
