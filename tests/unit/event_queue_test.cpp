@@ -179,7 +179,7 @@ TEST_F(EventQueue, LivesTwoThousandLives) {
     for (const auto& end : m_ends) end();
     std::array<std::size_t, 3> order{0, 1, 2};
     for (int life = 0; life < 2000; ++life, std::ranges::next_permutation(order)) {
-        const auto& [first, second, third] = order;
+        const std::size_t first = order[0], second = order[1], third = order[2];  // clang captures no binding
         const bool isFromCallback = life / 6 % 2 == 0;
         std::atomic<bool> isBuilt = false, isFirstGone = false;
         m_then = [&](unsigned event) {
