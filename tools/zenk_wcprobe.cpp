@@ -308,30 +308,26 @@ int probe(const Options& options) {
     return 0;
 }
 
+template <typename Number>
+void addNumber(CLI::App& app, const char* name, Number& number, const char* what, const char* unit, Number least,
+               Number most) {
+    app.add_option(name, number, what)->type_name(unit)->check(CLI::Range(least, most))->capture_default_str();
+}
+
 void addOptions(CLI::App& app, Options& options) {
     app.add_option("target", options.target, "the server, as HOST:PORT or as its published URL")
         ->type_name("HOST:PORT")
         ->required();
-    app.add_option("--count", options.count, "requests to send")
-        ->type_name("N")
-        ->check(CLI::Range(1, 1'000'000))
-        ->capture_default_str();
-    app.add_option("--interval", options.intervalMs, "milliseconds from one request to the next")
-        ->type_name("MS")
-        ->check(CLI::Range(1, 60'000))
-        ->capture_default_str();
-    app.add_option("--timeout", options.timeoutMs, "milliseconds to wait for replies after the last request")
-        ->type_name("MS")
-        ->check(CLI::Range(1, 60'000))
-        ->capture_default_str();
+    addNumber(app, "--count", options.count, "requests to send", "N", 1, 1'000'000);
+    addNumber(app, "--interval", options.intervalMs, "milliseconds from one request to the next", "MS", 1, 60'000);
+    addNumber(app, "--timeout", options.timeoutMs, "milliseconds to wait for replies after the last request", "MS", 1,
+              60'000);
     app.add_option("--clock", options.clockName, "own clock: raw (as the server's default), monotonic or coarse")
         ->type_name("NAME")
         ->check(CLI::IsMember(kClocks))
         ->capture_default_str();
-    app.add_option("--freq-error", options.freqErrorPpm, "frequency error of the own clock, parts per million")
-        ->type_name("PPM")
-        ->check(CLI::Range(0.0, 1000.0))
-        ->capture_default_str();
+    addNumber(app, "--freq-error", options.freqErrorPpm, "frequency error of the own clock, parts per million", "PPM",
+              0.0, 1000.0);
     app.add_flag("--json", options.json, "print the report as one JSON object");
 }
 
