@@ -8,6 +8,8 @@
 #   all    everything
 # Does nothing when all is there.
 set -eu
+# shellcheck source=scripts/usage.sh
+. "$(dirname "$0")/usage.sh"
 
 BUILD="g++ cmake ninja-build pkg-config
     libwebsockets-dev libev-dev libssl-dev libinih-dev libcli11-dev nlohmann-json3-dev
@@ -37,7 +39,8 @@ packages_of() {
         interop) interop_packages ;;
         all) echo "$TEST $BENCH $CHECK" "$(interop_packages)" ;;
         *)
-            sed -n '2,9s/^# *//p' "$0" >&2
+            echo "install-dependencies: there is no group '$group'" >&2
+            usage >&2
             return 2
             ;;
         esac
