@@ -86,9 +86,18 @@ TEST_F(Service, GathersFragmentsCutsThemAtTheLimitAndLeavesNothingBehind) {
 TEST_F(Service, SendsTheLastFragmentBackWhenWriteable) {
     receive("ab", false, true);
     for (int i = 0; i < 2; ++i) EXPECT_EQ(raise(11), 0) << "the second time there is nothing to send";
+    receive(std::string(kMaxMessageBytes + 100, 'x'), true, true);
+    EXPECT_EQ(raise(11), 0);
     const auto actions = zenk_test::takeActions();
-    ASSERT_FALSE(actions.empty());
+    ASSERT_EQ(actions.size(), 4U);
     EXPECT_EQ(actions[0], (Action{Action::kWrite, &connection, 1 | 64, "ab"}));
+    EXPECT_EQ(actions[2], (Action{Action::kWrite, &connection, 2, std::string(kMaxMessageBytes, '\0')}));
+    receive("def", true, false);
+    for (const auto& [written, result] : {std::pair{-5, 1}, {2, -1}}) {
+        zenk_test::g_writeResult = written;
+        EXPECT_EQ(raise(11), result);
+    }
+    zenk_test::g_writeResult.reset();
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ TEST_F(Time, CutsNobodyForATimeInWhichItStoodStill) {
     EXPECT_EQ(client.receiveText(), "here");
 }
 
-// But for the time that a callback takes.
+// The time that a callback of the host takes is not the client's: its goodbye arrives.
 TEST_F(Time, CutsWhoDoesNotAnswerItsCloseOrIsDeaf) {
     for (auto* const limit : {&limits.closeStall, &limits.closeTotal}) {
         server.reset();  // it reads the limits
