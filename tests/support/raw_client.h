@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -67,6 +68,12 @@ struct Frame {
 /// no ping is answered, and no close frame. `patience` is how long a call waits while nothing moves.
 class RawClient {
 public:
+    RawClient() = default;
+    /// Upgrades at once. @throws std::runtime_error when it may not
+    RawClient(int port, const std::string& target) {
+        if (!upgrade(port, target)) throw std::runtime_error("no way in to " + target);
+    }
+
     /// @return false when nobody listens
     bool connect(int port, int type = SOCK_STREAM) {
         m_received.clear();

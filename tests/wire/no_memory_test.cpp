@@ -1,6 +1,4 @@
 // Memory that is missing costs no more than the connection that needed it.
-#include <sys/resource.h>
-
 #include <filesystem>
 
 #include "tests/support/failing_allocations.h"
@@ -73,35 +71,14 @@ TEST_F(NoMemory, OfTheHostLeavesNoClientWaiting) {
     for (int count = 0; hasFailed; ++count) {
         SCOPED_TRACE(count);
         ASSERT_LT(count, 100);
-        RawClient css;
-        ASSERT_TRUE(css.upgrade(server->port, "/css-cii/t/") && server->connection(count + 1) != nullptr);
+        RawClient css = join("/css-cii/t/");
+        ASSERT_NE(server->connection(count + 1), nullptr);
         failAllocationOf(pthread_self(), count);
         answerAndClose();
         hasFailed = stopFailing();
         EXPECT_TRUE(hasFailed || css.receiveText() == "an answer of the host");
         EXPECT_TRUE(css.closeCode() == 1001 || css.waitForEnd());
     }
-}
-
-TEST_F(NoMemory, AtAllRefusesWithAStatusAndIsOverWhenSomeLeave) {
-    if (kIsSanitized) GTEST_SKIP() << "a sanitizer needs all addresses";
-    Pair pair;
-    ASSERT_TRUE(pair.connect(server->port));
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    rlimit before{};
-    getrlimit(RLIMIT_AS, &before);
-    const rlimit little{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + 2 * zenk_ws::kMiB, before.rlim_max};
-    setrlimit(RLIMIT_AS, &little);
-    std::vector<RawClient> crowd(200);
-    RawClient late;
-    EXPECT_FALSE(std::ranges::all_of(crowd, [&](RawClient& each) { return each.upgrade(server->port, "/other"); }));
-    EXPECT_TRUE(late.connect(server->port) && late.send(handshakeRequest("/other")));
-    EXPECT_TRUE(late.receiveUntil("\r\n\r\n").starts_with("HTTP/1.1 503 "));
-    EXPECT_TRUE(pair.exchange());
-    crowd.clear();
-    EXPECT_TRUE(waitUntil([&] { return late.upgrade(server->port, "/other"); }));
-    setrlimit(RLIMIT_AS, &before);
 }
 
 }  // namespace

@@ -14,8 +14,7 @@ TEST_F(Time, FindsPeersThatVanishedAndKeepsThoseThatAnswer) {
     limits.pingAfter = 300ms;
     limits.hangUpAfter = 1200ms;
     serve();
-    RawClient vanished, held, alive, deaf;
-    for (RawClient* const client : {&vanished, &held, &alive, &deaf}) ASSERT_TRUE(client->upgrade(server->port, "/x"));
+    RawClient vanished = join(), held = join(), alive = join(), deaf = join();
     hold(2);
     write(4, std::string(8'000'000, 'x'));
     if (!vanished.vanish() || !held.vanish()) GTEST_SKIP() << "the system lets no one vanish without a word";
@@ -37,8 +36,7 @@ TEST_F(Time, CutsNobodyForATimeInWhichItStoodStill) {
         if (number == 1) std::this_thread::sleep_for(1500ms);  // as a frozen process does
         write(number, text);
     };
-    RawClient halt, client;
-    ASSERT_TRUE(halt.upgrade(server->port, "/x") && client.upgrade(server->port, "/x"));
+    RawClient halt = join(), client = join();
     halt.sendText("now");
     EXPECT_EQ(client.receiveFrame(), (Frame{kFin | kPing, "?"})) << "nobody is cut who was not asked first";
     halt.sendText("and while the answer is on its way");
@@ -57,34 +55,30 @@ TEST_F(Time, CutsWhoDoesNotAnswerItsCloseOrIsDeaf) {
             std::this_thread::sleep_for(500ms);
             close(number, 1001);
         };
-        RawClient silent, deaf, late;
-        ASSERT_TRUE(silent.upgrade(server->port, "/x") && deaf.upgrade(server->port, "/x"));
+        RawClient silent = join(), deaf = join();
         write(2, std::string(6'000'000, 'x'));
         for (const int number : {1, 2}) close(number, 1000);
         EXPECT_TRUE(server->isGone(1, 3s) && server->isGone(2, 3s));
         EXPECT_EQ(silent.closeCode(), 1000);
         EXPECT_TRUE(silent.waitForEnd());
         for (int i = 0; i < 3; ++i) {  // what the loop does next is up to chance
-            ASSERT_TRUE(late.upgrade(server->port, "/x") && late.sendText("now"));
+            RawClient late = join();
+            late.sendText("now");
             EXPECT_EQ(late.closeCode(), 1001);
         }
     }
 }
 
 TEST_F(Time, GivesMemoryBackToWhatRests) {
-    constexpr int kClients = 100;
     serve();
     server->onText = [this](int number, const std::string&) { write(number, "got it"); };
-    const std::size_t before = residentBytes();
-    std::vector<RawClient> clients(kClients);
-    const auto isSmall = [&] { return residentBytes() <= before + kClients * 24 * zenk_ws::kKiB; };
-    for (RawClient& client : clients) ASSERT_TRUE(client.upgrade(server->port, "/x"));
-    EXPECT_TRUE(isSmall());
+    std::vector<RawClient> clients(100);
+    const std::size_t most = residentBytes() + clients.size() * 24 * zenk_ws::kKiB;
     for (RawClient& client : clients) {
-        ASSERT_TRUE(client.sendText(std::string(100'000, 'x')));
+        ASSERT_TRUE(client.upgrade(server->port, "/x") && client.sendText(std::string(100'000, 'x')));
         EXPECT_EQ(client.receiveText(), "got it");
     }
-    EXPECT_TRUE(waitUntil(isSmall, 5s));
+    EXPECT_TRUE(waitUntil([&] { return residentBytes() <= most; }, 5s));
 }
 
 }  // namespace

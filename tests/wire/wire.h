@@ -29,6 +29,8 @@ protected:
     }
 
     void serve() { server.emplace(); }
+    /// A client that the server has let in.
+    RawClient join(const std::string& target = "/x") { return {server->port, target}; }
     /// A write of the host's to the connection with that number.
     int write(int number, const std::string& text, int type = zenk_ws::kWriteText) {
         return zenk_ws::lws_write(server->connection(number), text.data(), static_cast<int>(text.size()), type);

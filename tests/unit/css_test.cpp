@@ -1,7 +1,11 @@
-// The road of an event to the host's callback: in which order it comes, who may go when, and which client waits.
+// The CSS servers: what they come up with, whom they let go, and the road of an event to the host's callback.
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -9,7 +13,10 @@
 #include <thread>
 
 #include "tests/support/event_threads.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/front_end.h"
+#include "tests/support/sanitizer.h"
+#include "wsserver/css_client_list.h"
 #include "wsserver/zenk_dvbCss.h"
 
 namespace zenk_test {
@@ -17,6 +24,49 @@ namespace {
 
 using Actions = std::vector<Action>;
 using Events = std::vector<std::tuple<unsigned, int, std::string>>;
+
+TEST(CssLimit, ComesFromAValidConfiguration) {
+    const std::string path = "/proc/self/fd/" + std::to_string(memfd_create("vel_config", 0));
+    const auto limitOf = [&path](const std::string& text) {
+        std::ofstream(path) << text;
+        return zenk::readCssClientLimit();
+    };
+    setenv("VEL_CONFIG_FILE", path.c_str(), 1);
+    EXPECT_EQ(limitOf("MSMaxClientNum=2\n[X]\nMSMaxClientNum=3\nnonsense\n[HbbTV]\nMSMaxClientNum = 100 ; why\n"), 100);
+    for (const char* bad : {"0", "-3", "", "10x", "1 0", "2147483648", "10\nMSMaxClientNum=11"})
+        EXPECT_EQ(limitOf(std::string("[HbbTV]\nMSMaxClientNum=") + bad), 25) << bad;
+    setenv("VEL_CONFIG_FILE", "/dev/zero", 1);
+    EXPECT_EQ(zenk::readCssClientLimit(), 25) << "of a file without end";
+}
+
+// Of the allocations of the constructions each fails once.
+TEST(Constructors, ComeUpWithoutMemory) {
+    if (kIsSanitized) GTEST_SKIP() << "the sanitizer's allocator does not fail";
+    std::string text(100, '1');
+    bool hasFailed = true;
+    for (long count = 0; hasFailed; ++count) {
+        failAllocationOf(pthread_self(), count);
+        EXPECT_NO_THROW((ZenkCSSCIIServer(text), ZenkCSSTSServer(text), ZenkCSSWCServer(text)));
+        hasFailed = stopFailing();
+        delete ZenkCSSEventDispatcher::m_instance;
+    }
+}
+
+TEST_F(FrontEnd, SweepAClientWhoseHandshakeIsUnderWay) {
+    const ZenkCSSEventDispatcher dispatcher;
+    ZenkCSSCIIServer cii;
+    server.addObserver(&cii);
+    cii.setEnableInterDevSync(true);
+    lws *const swept = open(7, "/css-cii"), *const app = open(8, "/local/hbbtv/");
+    for (lws* wsi : {swept, app}) {
+        EXPECT_EQ(filter(wsi), 0);
+        cii.setEnableInterDevSync(false);
+        establish(wsi);
+        cii.setEnableInterDevSync(true);
+    }
+    EXPECT_EQ(takeActions(), (std::vector<Action>(2, {Action::kClose, swept, 1001, ""}))) << "by both sweeps";
+    EXPECT_EQ(cii.ciiClientIdExists(1), 0);
+}
 
 ZenkCSSEventDispatcher* dispatcher() {
     return std::atomic_ref(ZenkCSSEventDispatcher::m_instance).load();
