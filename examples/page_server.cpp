@@ -43,6 +43,11 @@ PageServer::PageServer(int port, const Endpoints& urls, Television& television, 
     m_documents["/status"] = [&television](auto& response) { response.set_content(television.status().dump(), kJson); };
     m_server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
     m_server.set_tcp_nodelay(true);
+    // By default the system would let a second host share the port.
+    m_server.set_socket_options([](socket_t fd) {
+        const int on = 1;
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    });
     // One request each: what is left unread of one must not be taken for the next.
     m_server.set_keep_alive_max_count(1);
     m_server.set_keep_alive_timeout(kPatience.count());
