@@ -68,7 +68,7 @@ TEST_F(Log, NamesAForkedChildAndKeepsErrno) {
     if (child == 0) {
         logError();
         std::fflush(stdout);
-        _exit(0);
+        _exit(insert_modules_list("B", 1));
     }
     waitpid(child, nullptr, 0);
     EXPECT_EQ(take(child), kError);
