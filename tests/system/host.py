@@ -1,4 +1,5 @@
 """zenk_receiver as a process of its own, and what else the system tests share. Nothing here waits for a fixed time."""
+import asyncio
 import contextlib
 import ctypes
 import os
@@ -9,17 +10,13 @@ import re
 import signal
 import socket
 import subprocess
-import tempfile
 import threading
 import time
-import urllib.parse
 
 import websockets
 
 BUILD = pathlib.Path(os.environ.get("ZENK_BUILD_DIR", "build"))
 PATIENCE = 20  # seconds; enough for a loaded machine under a sanitizer, and a test that passes never waits for it
-IS_SANITIZED = bool(os.environ.get("ZENK_SANITIZE"))
-COLOUR = re.compile(r"\x1b\[[0-9;]*m")
 
 
 def free_port():
@@ -54,38 +51,42 @@ def connect(url, **options):
                                       "open_timeout": PATIENCE, "close_timeout": PATIENCE, **options})
 
 
-async def refusal(url):
-    """The HTTP status with which a client is refused; None when it is not."""
-    try:
-        async with connect(url):
-            return None
-    except websockets.InvalidStatusCode as refused:
-        return refused.status_code
+async def hear(client):
+    return await asyncio.wait_for(client.recv(), PATIENCE)
+
+
+@contextlib.asynccontextmanager
+async def pair(host, name, **options):
+    """A television's and a phone's application that have met."""
+    async with connect(host.at(f"/local/hbbtv/t/{name}"), **options) as tv, connect(
+            host.at(f"/remote/hbbtv/u/{name}"), **options) as phone:
+        for side in tv, phone:
+            assert await hear(side) == "pairingcompleted", "a pair did not meet"
+        yield tv, phone
 
 
 class Program(subprocess.Popen):
     """A running program. Its output is read all the time, so it never waits for us. Use with `with`."""
 
-    def __init__(self, *command, environment=None, stdin=subprocess.DEVNULL, **options):
-        self._lines, self._errors = queue.Queue(), tempfile.TemporaryFile("w+", errors="replace")
-        super().__init__([str(word) for word in command], env={**os.environ, **(environment or {})}, stdin=stdin,
-                         stdout=subprocess.PIPE, stderr=self._errors, text=True, errors="replace", **options)
+    def __init__(self, *command):
+        super().__init__([str(word) for word in command], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                         stderr=subprocess.STDOUT, text=True, errors="replace")
+        self._lines = queue.Queue()
         self._reader = threading.Thread(target=self._read)
         self._reader.start()
 
     def _read(self):
         for line in self.stdout:
-            self._lines.put(COLOUR.sub("", line).rstrip("\n"))
+            self._lines.put(re.sub(r"\x1b\[[0-9;]*m", "", line).rstrip("\n"))  # without colours
         self._lines.put(None)
 
     def __exit__(self, *details):
         self.kill()
         self._reader.join()
-        self._errors.close()
         super().__exit__(*details)
 
     def line(self, prefix=""):
-        """The next line of standard output with this beginning; None at the end of the output, or when none comes."""
+        """The next line of its output with this beginning; None at the end of the output, or when none comes."""
         with contextlib.suppress(queue.Empty):
             while (line := self._lines.get(timeout=PATIENCE)) is not None:
                 if line.startswith(prefix):
@@ -94,49 +95,34 @@ class Program(subprocess.Popen):
         return None
 
     def say(self, line):
-        """One line to its standard input, which must be a pipe."""
+        """One line to its standard input."""
         self.stdin.write(line + "\n")
         self.stdin.flush()
 
-    def wait(self, timeout=PATIENCE):
-        """-N when signal N ended it. Raises at the deadline."""
-        return super().wait(timeout)
-
     def end(self, number=signal.SIGINT):
+        """The exit status, once the signal has ended it."""
         self.send_signal(number)
-        return self.wait()
+        return self.wait(PATIENCE)
 
-    def complaints(self):
-        """All of standard error, once the program has ended."""
-        self.wait()
-        self._errors.seek(0)
-        return self._errors.read()
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.pid}/fd"))
-
-    def status(self, name):
-        """A number of the process, such as "VmRSS" in KiB."""
-        text = pathlib.Path(f"/proc/{self.pid}/status").read_text(encoding="ascii")
-        return int(re.search(rf"^{name}:\s+(\d+)", text, re.MULTILINE)[1])
+    def rest(self):
+        """All lines to the end of the output."""
+        return "\n".join(iter(self.line, None))
 
 
 class Host(Program):
-    """zenk_receiver on free ports, ready to serve unless `ready` says not to wait for it. `urls` has its URLs by name."""
+    """zenk_receiver on free ports, ready to serve unless `ready` says not to wait for it; its URLs by name."""
 
-    def __init__(self, *arguments, ready=True, prefix=(), **options):
-        self.port, self.wc_port, self.urls = free_port(), free_port(), {}
-        super().__init__(*prefix, BUILD / "zenk_receiver", "--port", self.port, "--wc-port", self.wc_port, *arguments,
-                         **options)
-        while ready and (line := self.line()) != "ready":
-            if line is None:
+    def __init__(self, *arguments, ready=True, prefix=()):
+        self.port, self.wc_port, told = free_port(), free_port(), []
+        super().__init__(*prefix, BUILD / "zenk_receiver", "--port", self.port, "--wc-port", self.wc_port, *arguments)
+        while ready and told[-1:] != ["ready"]:
+            told.append(self.line())
+            if told[-1] is None:
                 with self:
-                    raise RuntimeError("zenk_receiver did not get ready: " + self.complaints())
-            name, _, rest = line.partition(" ")
-            if "://" in rest:
-                self.urls[name] = rest
+                    raise RuntimeError(f"zenk_receiver did not get ready: {told}")
+        self.urls = dict(line.split(" ", 1) for line in told if "://" in line)
 
     def at(self, name_or_path):
         """The URL of a service, or of a path, at the loopback address."""
-        path = urllib.parse.urlsplit(self.urls.get(name_or_path, name_or_path)).path
+        path = re.sub("^ws://[^/]+", "", self.urls.get(name_or_path, name_or_path))
         return f"ws://127.0.0.1:{self.port}{path}"
