@@ -13,8 +13,6 @@ import tempfile
 import time
 import unittest
 
-import _ctypes
-
 BUILD = pathlib.Path(os.environ["ZENK_BUILD_DIR"])
 SOURCE = pathlib.Path(os.environ["ZENK_SOURCE_DIR"])
 CXX = os.environ["ZENK_CXX"]
@@ -53,11 +51,11 @@ class Package(unittest.TestCase):
                          r"^LIBCODE:ZNKQ\nMAJORID:4\nMINORID:0\nBUILDNUM:164\n\$Change: [^\s$]+ \$\n$")
 
     def test_headers_compile_alone_without_foreign_ones(self):
-        headers = sorted((self.prefix / "include").rglob("*.h"))
-        self.assertIn("websocket_service.h", [header.name for header in headers])
-        for header in headers:
-            used = run(CXX, *STRICT, "-I", self.prefix / "include/zenk_hbbtv_wsserver", "-include", header,
-                       "-x", "c++", "-fsyntax-only", "-MD", "-MF", "-", os.devnull)
+        flags = run("pkg-config", "--cflags", "--libs", "zenk_hbbtv_wsserver",
+                    env=os.environ | {"PKG_CONFIG_PATH": str(self.libraries / "pkgconfig")}).split()
+        for header in (self.prefix / "include").rglob("*.h"):
+            used = run(CXX, *STRICT, "-MD", "-MF", "-", "-x", "c++", "-include", header, os.devnull,
+                       "-x", "none", *flags, "-shared", "-o", self.folder / "header.so")
             self.assertNotRegex(used, r"libwebsockets|openssl|/ev\.h|/lws")
 
     def test_the_host_of_the_readme_builds_as_it_stands_and_serves(self):
@@ -69,9 +67,6 @@ class Package(unittest.TestCase):
         (self.folder / "main.cpp").write_text(program.replace("7681", str(port)))
         (self.folder / "CMakeLists.txt").write_text(
             f"cmake_minimum_required(VERSION 3.16)\nproject(host CXX)\nadd_executable(host main.cpp)\n{target}")
-        flags = run("pkg-config", "--cflags", "--libs", "zenk_hbbtv_wsserver",
-                    env=os.environ | {"PKG_CONFIG_PATH": str(self.libraries / "pkgconfig")})
-        run(CXX, "-std=c++20", self.folder / "main.cpp", "-o", self.folder / "by-pkg-config", *flags.split())
         run("cmake", "-S", self.folder, "-B", self.folder, f"-DCMAKE_PREFIX_PATH={self.prefix}",
             f"-DCMAKE_CXX_COMPILER={CXX}")
         run("cmake", "--build", self.folder)
@@ -90,9 +85,5 @@ class Package(unittest.TestCase):
         path = str(self.libraries / "libzenk_hbbtv_wsserver.so.4")
         library = ctypes.CDLL(path)
         library.insert_modules_list(b"HOST", 1)
-        _ctypes.dlclose(library._handle)  # threads of the library may run still
+        ctypes.CDLL(None).dlclose(ctypes.c_void_p(library._handle))  # threads of the library may run still
         self.assertEqual(ctypes.CDLL(path, os.RTLD_NOW | os.RTLD_NOLOAD).zenk_log_getLevel(b"HOST"), 2)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,7 +3,6 @@
 #include "examples/television.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -11,8 +10,6 @@
 #include "examples/css_messages.h"
 
 namespace {
-
-using Json = nlohmann::json;
 
 constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr const char* kPts = "urn:dvb:css:timeline:pts";
@@ -49,7 +46,7 @@ TEST(CssMessages, OnlyAStemOfTheContentAndAnOfferedSelectorHaveATimeline) {
     const Scene scene{.service = {"A", "dvb://1.2.3;4~x", {ptsTimeline(900), temiTimeline(1, 2, 7)}},
                       .sinceNs = kSecond};
     const auto contentTime = [&scene](const css::Setup& setup) {
-        return Json::parse(css::controlTimestamp(setup, scene, 3 * kSecond))["contentTime"];
+        return nlohmann::json::parse(css::controlTimestamp(setup, scene, 3 * kSecond))["contentTime"];
     };
     EXPECT_EQ(contentTime({"", kPts}), "180900");
     EXPECT_EQ(contentTime({"dvb://1.2.3;4~x", "urn:dvb:css:timeline:temi:1:2"}), "2007");
@@ -57,23 +54,18 @@ TEST(CssMessages, OnlyAStemOfTheContentAndAnOfferedSelectorHaveATimeline) {
     EXPECT_EQ(contentTime({"", "urn:dvb:css:timeline:temi:1:1"}), nullptr);
 }
 
-TEST(CssMessages, ReadinessHasItsTimesAsTextsAndComesBehindASetup) {
-    const Json good = Json::parse(R"({"actual": {"contentTime": "1", "wallClockTime": "-2"},
-                                      "earliest": {"contentTime": "1", "wallClockTime": "minusinfinity"},
-                                      "latest": {"contentTime": "-1", "wallClockTime": "plusinfinity"}})");
-    EXPECT_NO_THROW(css::readTsMessage(good.dump(), false));
-    EXPECT_THROW(css::readTsMessage(good.dump(), true), std::runtime_error) << "a setup comes first";
-    for (const char* wrong :
-         {R"({"latest":null})", R"({"latest":{"wallClockTime":"minusinfinity"}})",
-          R"({"latest":{"contentTime":"111111111111111111111"}})", R"({"latest":{"contentTime":1}})"}) {
-        Json message = good;
-        message.merge_patch(Json::parse(wrong));
-        EXPECT_THROW(css::readTsMessage(message.dump(), false), std::runtime_error) << wrong;
-    }
+TEST(CssMessages, ReadinessIsReadOrRefused) {
+    const std::string head = R"({"earliest":{"contentTime":"1","wallClockTime":"minusinfinity"},"latest":)";
+    const std::string right = R"({"contentTime":"-1","wallClockTime":"plusinfinity"}})";
+    EXPECT_NO_THROW(css::readTsMessage(head + right, false));
+    EXPECT_THROW(css::readTsMessage(head + right, true), std::runtime_error) << "a setup comes first";
+    for (const char* wrong : {"null}", "[", R"({"contentTime":"-1","wallClockTime":"minusinfinity"}})",
+                              R"({"contentTime":1,"wallClockTime":"2"}})"})
+        EXPECT_THROW(css::readTsMessage(head + wrong, false), std::runtime_error) << wrong;
 }
 
 TEST(Services, AFileIsReadOrRefused) {
-    const std::string file = "services_test." + std::to_string(getpid()) + ".json";
+    const std::string file = "television_test.services.json";
     const auto read = [&file](const std::string& text) {
         std::ofstream(file) << text;
         return readServices(file);
@@ -84,9 +76,7 @@ TEST(Services, AFileIsReadOrRefused) {
     for (const char* wrong :
          {",\"pts\":{\"origin\":-1}}]", ",\"temi\":[{\"componentTag\":256,\"timelineId\":0}]}]", "},1]"})
         EXPECT_THROW(read(head + wrong), std::runtime_error) << wrong;
-    EXPECT_THROW(read(std::string(2 << 20, ' ')), std::runtime_error);
     std::filesystem::remove(file);
-    EXPECT_THROW(readServices("/dev/zero"), std::runtime_error);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <deque>
-#include <latch>
 #include <mutex>
 #include <thread>
 
@@ -13,7 +12,6 @@
 #include "wsserver/zenk_dvbCss.h"
 
 using namespace std::string_literals;
-using zenk_test::waitUntil;
 
 // What the linker's wrap gives in the place of any clock. Never destroyed: detached threads read it until the very end.
 static std::mutex g_mutex;
@@ -59,7 +57,7 @@ protected:
         const sockaddr_in asked{AF_INET, htons(static_cast<in_port_t>(m_port)), {htonl(INADDR_LOOPBACK + 1)}, {}};
         EXPECT_EQ(connect(m_device.fd(), reinterpret_cast<const sockaddr*>(&asked), sizeof asked), 0);
         m_server.m_enableInterDevSync = 1;
-        const timeval patience{20, 0};
+        const timeval patience{2, 0};
         setsockopt(m_device.fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     }
     ~WCServer() override {
@@ -71,15 +69,14 @@ protected:
     std::string start() {
         m_thread = std::jthread([this] { m_server.startWCServer(); });
         std::string reply;
-        EXPECT_TRUE(waitUntil([&] { return !(reply = ask("")).empty(); }));
+        EXPECT_TRUE(zenk_test::waitUntil([&] { return !(reply = ask("")).empty(); }));
         return reply;
     }
-    bool send(const std::string& bytes) { return ::send(m_device.fd(), bytes.data(), bytes.size(), 0) >= 0; }
-    /// @return the reply; empty at once while nobody serves the port
+    /// @return the reply, or nothing: at once while nobody has the port
     std::string ask(const std::string& bytes) {
         std::string reply(32, '\0');
-        const bool isAnswered = send(bytes) && recv(m_device.fd(), reply.data(), 32, MSG_TRUNC) == 32;
-        return isAnswered ? reply : "";
+        const bool isSent = send(m_device.fd(), bytes.data(), bytes.size(), 0) >= 0;
+        return isSent && recv(m_device.fd(), reply.data(), 32, MSG_TRUNC) == 32 ? reply : "";
     }
 
     const int m_port = zenk_test::freePort();
@@ -110,32 +107,12 @@ TEST_F(WCServer, StaysInItsBufferEndsAtTheWakeWordAndIsSilentWhileIdle) {
     EXPECT_EQ(ask(std::string(129, 'A')).substr(8, 8), "AAAAAAAA");
     EXPECT_EQ(ask(std::string(10, 'b')).substr(8, 8), "bbAAAAAA");
     EXPECT_EQ(ask("quitwc").size(), 32U) << "a b follows it in the buffer still";
-    send("quitwc\0junk"s);
+    EXPECT_EQ(ask("quitwc\0junk"s), "");
     m_thread.join();
     EXPECT_EQ(start().substr(8, 8), std::string(8, '\0')) << "a new run forgets";
     std::atomic_ref(m_server.m_enableInterDevSync).store(0);
     ask("z");  // may still be answered
-    send("z");
-    std::this_thread::sleep_for(zenk_test::Milliseconds(20));  // enough for an answer
-    char reply[32];
-    EXPECT_LT(recv(m_device.fd(), reply, 32, MSG_DONTWAIT), 0);
-}
-
-TEST_F(WCServer, OfManyStartsOneServes) {
-    std::string anyPort = "0";  // the bind lets all of them through
-    ZenkCSSWCServer server(anyPort);
-    std::latch gate(16);
-    std::atomic<int> ended = 0;
-    std::vector<std::jthread> starts;
-    for (int i = 0; i < 16; ++i) {
-        starts.emplace_back([&] {
-            gate.arrive_and_wait();
-            server.startWCServer();
-            ++ended;
-        });
-    }
-    EXPECT_TRUE(waitUntil([&] { return ended == 15; }));
-    EXPECT_TRUE(waitUntil([&] { return server.stopWCServer(), ended == 16; }));
+    EXPECT_EQ(ask("z"), "");
 }
 
 }  // namespace
