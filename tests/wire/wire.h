@@ -12,20 +12,14 @@
 
 namespace zenk_test {
 
-/// Of this process; 0 under a sanitizer.
-inline std::size_t residentBytes() {
-    std::size_t all = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> all >> resident;
-    return kIsSanitized ? 0 : resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
-
-/// A server with limits of the test's own: set them, then serve.
+/// A server with limits of the test's own: set them, then serve. At its end each close has been told once.
 class Wire : public testing::Test {
 protected:
     ~Wire() override {
-        EXPECT_EQ(server->faults, 0);
-        server.reset();  // it reads the limits
+        server->stop();  // it reads the limits
         zenk_ws::limits() = zenk_ws::Limits();
+        EXPECT_EQ(server->closed, server->opened());
+        EXPECT_EQ(server->faults, 0);
     }
 
     void serve() { server.emplace(); }
@@ -36,9 +30,23 @@ protected:
         return zenk_ws::lws_write(server->connection(number), text.data(), static_cast<int>(text.size()), type);
     }
     void close(int number, int status) { zenk_ws::lws_close(server->connection(number), status); }
+    bool areAllGone() {
+        return waitUntil([this] { return server->closed == server->opened(); });
+    }
     void hold(int number) { zenk_ws::lws_rx_flow_control(server->connection(number), 0); }
 
+    /// What has come to the memory of this process since the test began; 0 under a sanitizer.
+    long grownMiB() const { return kIsSanitized ? 0 : (residentPages() - m_pagesBefore) * sysconf(_SC_PAGESIZE) >> 20; }
+
     std::optional<Server> server;
+
+private:
+    static long residentPages() {
+        long all = 0, resident = 0;
+        std::ifstream("/proc/self/statm") >> all >> resident;
+        return resident;
+    }
+    const long m_pagesBefore = residentPages();
 };
 
 }  // namespace zenk_test
