@@ -1,9 +1,7 @@
 #pragma once
 
 #include <netinet/tcp.h>
-#include <sys/time.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <optional>
@@ -35,10 +33,10 @@ inline std::uint64_t fromBigEndian(std::string_view bytes) {
 /// `firstByte` is FIN, reserved bits and opcode.
 inline std::string serverFrame(int firstByte, std::string_view payload) {
     const std::size_t length = payload.size();
-    const std::size_t form = length < 126 ? length : length < 65536 ? 126 : 127;
-    const int lengthBytes = form < 126 ? 0 : form == 126 ? 2 : 8;
-    std::string head = bigEndian(static_cast<unsigned>(firstByte), 1) + bigEndian(form, 1);
-    return head.append(bigEndian(length, lengthBytes)).append(payload);
+    const int lengthBytes = length < 126 ? 0 : length < 65536 ? 2 : 8;
+    const std::size_t form = lengthBytes == 0 ? length : lengthBytes == 2 ? 126 : 127;
+    const std::string head = bigEndian(static_cast<unsigned>(firstByte) << 8 | form, 2);
+    return (head + bigEndian(length, lengthBytes)).append(payload);
 }
 inline std::string clientFrame(int firstByte, std::string_view payload) {
     const std::string mask = "\x11\x22\x33\x44";
@@ -76,7 +74,6 @@ public:
 
     /// @return false when nobody listens
     bool connect(int port, int type = SOCK_STREAM) {
-        m_received.clear();
         m_socket.emplace(type);
         set(IPPROTO_TCP, TCP_NODELAY, 1);  // what is sent in pieces must arrive in pieces, and at once
         return attach(::connect, *m_socket, port);
@@ -90,55 +87,60 @@ public:
     /// @return false when the peer does not take all bytes in time or has reset the connection
     bool send(std::string_view bytes, Milliseconds patience = kPatience) {
         setPatience(SO_SNDTIMEO, patience);
-        do {  // an empty datagram is one, too
+        while (!bytes.empty()) {
             const ssize_t sent = TEMP_FAILURE_RETRY(::send(m_socket->fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
             if (sent < 0) return false;
             bytes.remove_prefix(static_cast<std::size_t>(sent));
-        } while (!bytes.empty());
+        }
         return true;
     }
-    bool sendText(std::string_view text, Milliseconds patience = kPatience) {
-        return send(clientFrame(kFin | kText, text), patience);
-    }
+    bool sendText(std::string_view text) { return send(clientFrame(kFin | kText, text)); }
 
-    /// @return what has arrived: up to the end of `until` if it comes, else what came until the peer ended or time was
-    /// up. What is behind `until` stays for the next call.
-    std::string receiveUntil(std::string_view until) {
-        while (m_received.find(until) == std::string::npos && readSome(kPatience)) continue;
-        const std::size_t at = m_received.find(until);
-        return take(at == std::string::npos ? at : at + until.size());
-    }
-    /// @return the next `count` bytes, or fewer when the peer ended or time was up
+    /// @return the next `count` bytes, or fewer when the peer ended, with errno 0, or time was up
     std::string receive(std::size_t count, Milliseconds patience = kPatience) {
-        fill(count, patience);
-        return take(count);
+        setPatience(SO_RCVTIMEO, patience);
+        std::string bytes(count, '\0');
+        std::size_t size = 0;
+        errno = 0;
+        while (size < count) {
+            const ssize_t got = TEMP_FAILURE_RETRY(recv(m_socket->fd(), &bytes[size], count - size, 0));
+            if (got <= 0) break;
+            size += static_cast<std::size_t>(got);
+        }
+        bytes.resize(size);
+        return bytes;
+    }
+    /// @return what has arrived: up to the end of `until` if it comes, else what came until the peer ended or time was
+    /// up
+    std::string receiveUntil(std::string_view until) {
+        std::string text = receive(until.size()), next;
+        while (!text.ends_with(until) && !(next = receive(1)).empty()) text += next;
+        return text;
     }
     /// @return the next frame; nothing when the peer ended, time was up, or the frame is masked
     std::optional<Frame> receiveFrame(Milliseconds patience = kPatience) {
-        if (!fill(2, patience)) return std::nullopt;
-        const auto form = static_cast<unsigned char>(m_received[1]);
-        const std::size_t head = form < 126 ? 2 : form == 126 ? 4 : 10;
-        if (form > 127 || !fill(head, patience)) return std::nullopt;
-        const std::size_t length = form < 126 ? form : fromBigEndian(std::string_view(m_received).substr(2, head - 2));
-        if (!fill(head + length, patience)) return std::nullopt;
-        const int first = static_cast<unsigned char>(take(head)[0]);
-        return Frame{first, take(length)};
+        const std::string head = receive(2, patience);
+        const std::size_t form = head.size() < 2 ? 128 : fromBigEndian(head) & 0xFF;
+        if (form > 127) return std::nullopt;
+        const std::size_t length = form < 126 ? form : fromBigEndian(receive(form == 126 ? 2 : 8, patience));
+        const std::string payload = receive(length, patience);
+        if (payload.size() < length) return std::nullopt;
+        return Frame{static_cast<unsigned char>(head[0]), payload};
     }
     /// @return the payload of the next frame, or "" when that is no whole text message
     std::string receiveText(Milliseconds patience = kPatience) {
-        const std::optional<Frame> frame = receiveFrame(patience);
-        return frame && frame->first == (kFin | kText) ? frame->payload : "";
+        const Frame frame = receiveFrame(patience).value_or(Frame());
+        return frame.first == (kFin | kText) ? frame.payload : "";
     }
     /// Drops frames up to a close frame. @return its status; 1006 when there came none
     int closeCode(Milliseconds patience = kPatience) {
-        while (const auto frame = receiveFrame(patience)) {
-            if (frame->first == (kFin | kClose)) return static_cast<int>(fromBigEndian(frame->payload.substr(0, 2)));
-        }
-        return 1006;
+        std::optional<Frame> frame = receiveFrame(patience);
+        while (frame && frame->first != (kFin | kClose)) frame = receiveFrame(patience);
+        return frame ? static_cast<int>(fromBigEndian(frame->payload.substr(0, 2))) : 1006;
     }
     /// Reads and drops. @return true when the peer ended the connection in time, by FIN or reset
     bool waitForEnd(Milliseconds patience = kPatience) {
-        while (readSome(patience)) m_received.clear();
+        while (!receive(65536, patience).empty()) continue;
         return errno != EAGAIN;
     }
 
@@ -162,30 +164,10 @@ private:
         return setsockopt(m_socket->fd(), level, option, &value, sizeof value) == 0;
     }
     void setPatience(int option, Milliseconds patience) {
-        const auto microseconds = std::chrono::microseconds(patience).count();
-        set(SOL_SOCKET, option, timeval{microseconds / 1'000'000, microseconds % 1'000'000});
-    }
-    /// @return false at the end, with errno 0, or at a failure
-    bool readSome(Milliseconds patience) {
-        setPatience(SO_RCVTIMEO, patience);
-        std::array<char, 65536> buffer;
-        errno = 0;
-        const ssize_t count = TEMP_FAILURE_RETRY(recv(m_socket->fd(), buffer.data(), buffer.size(), 0));
-        if (count > 0) m_received.append(buffer.data(), static_cast<std::size_t>(count));
-        return count > 0;
-    }
-    bool fill(std::size_t count, Milliseconds patience) {
-        while (m_received.size() < count && readSome(patience)) continue;
-        return m_received.size() >= count;
-    }
-    std::string take(std::size_t count) {
-        const std::string taken = m_received.substr(0, count);
-        m_received.erase(0, taken.size());
-        return taken;
+        set(SOL_SOCKET, option, timeval{patience.count() / 1000, patience.count() % 1000 * 1000});
     }
 
     std::optional<zenk::Socket> m_socket;
-    std::string m_received;
 };
 
 }  // namespace zenk_test
