@@ -3,20 +3,15 @@
 #include <sys/mman.h>
 
 #include <atomic>
-#include <cstddef>
 #include <cstdlib>
 #include <new>
 
-namespace {
+static std::atomic<pthread_t> g_thread;
+static std::atomic<long> g_left = -1;  // below 0: none fails
 
-std::atomic<pthread_t> g_thread{};
-std::atomic<long> g_left{-1};  // below 0: none fails
-
-bool isToFail() {
-    return g_left.load() >= 0 && pthread_equal(pthread_self(), g_thread.load()) != 0 && g_left.fetch_sub(1) == 0;
+static bool isToFail() {
+    return g_left >= 0 && pthread_equal(pthread_self(), g_thread) != 0 && g_left.fetch_sub(1) == 0;
 }
-
-}  // namespace
 
 void zenk_test::failAllocationOf(pthread_t thread, long count) {
     g_thread = thread;

@@ -2,19 +2,15 @@
 
 #include <mutex>
 
-namespace {
+static std::mutex g_mutex;
+static std::vector<zenk_test::Action> g_actions;  // guarded by g_mutex
 
-std::mutex g_mutex;
-std::vector<zenk_test::Action> g_actions;  // guarded by g_mutex
-
-int record(zenk_test::Action action) {
+static int record(zenk_test::Action action) {
     const std::lock_guard lock(g_mutex);
     EXPECT_TRUE(action.wsi->isOpen) << "reached a connection that has gone";
     g_actions.push_back(std::move(action));
     return 0;
 }
-
-}  // namespace
 
 std::vector<zenk_test::Action> zenk_test::takeActions() {
     const std::lock_guard lock(g_mutex);
@@ -38,7 +34,7 @@ void lws_context_destroy(lws_context* /*context*/) {
 }
 
 int lws_write(::lws* wsi, const void* data, int length, int type) {
-    record({Action::kWrite, wsi, type, std::string(static_cast<const char*>(data), static_cast<std::size_t>(length))});
+    record({Action::kWrite, wsi, type, {static_cast<const char*>(data), static_cast<std::size_t>(length)}});
     return zenk_test::g_writeResult.value_or(length);
 }
 
@@ -56,7 +52,7 @@ int lws_get_socket_fd(::lws* wsi) {
 }
 
 const char* lws_hdr_simple_ptr(::lws* wsi, int token) {
-    return token == kTokenPath ? wsi->path.c_str() : wsi->query ? wsi->query->c_str() : nullptr;
+    return token == kTokenPath ? wsi->uri.c_str() : nullptr;
 }
 
 int lws_is_final_fragment(::lws* wsi) {

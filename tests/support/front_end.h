@@ -16,8 +16,7 @@
 /// what the library does to connections. Tests make them by hand, and nobody may reach one that is not open any more.
 struct lws {
     int socketFd;
-    std::string path = {};
-    std::optional<std::string> query = {};
+    std::string uri = {};
     bool isOpen = true, isFinal = true, isBinary = false;
 };
 
@@ -42,11 +41,7 @@ class FrontEnd : public testing::Test {
 protected:
     FrontEnd() { takeActions(); }  // an earlier test's
 
-    lws* open(int socketFd, const std::string& uri) {
-        lws& wsi = m_connections.emplace_back(lws{socketFd, uri.substr(0, uri.find('?'))});
-        if (wsi.path != uri) wsi.query = uri.substr(wsi.path.size() + 1);
-        return &wsi;
-    }
+    lws* open(int socketFd, const std::string& uri) { return &m_connections.emplace_back(lws{socketFd, uri}); }
     int filter(lws* wsi) { return on(wsi).onFilterConnection(); }
     void establish(lws* wsi) { on(wsi).onConnect(); }
     lws* connect(const std::string& uri) {

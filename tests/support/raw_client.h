@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "tests/support/net_util.h"
+#include "tests/support/util.h"
 
 namespace zenk_test {
 

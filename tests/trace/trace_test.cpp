@@ -5,7 +5,6 @@
 #include <sstream>
 
 #include "log/zenk_log.h"
-#include "tests/support/event_threads.h"
 #include "tests/support/front_end.h"
 #include "tests/support/raw_client.h"
 #include "wsserver/wall_clock.h"

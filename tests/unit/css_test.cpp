@@ -9,10 +9,9 @@
 #include <mutex>
 #include <thread>
 
-#include "tests/support/event_threads.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/front_end.h"
-#include "tests/support/sanitizer.h"
+#include "tests/support/util.h"
 #include "wsserver/css_client_list.h"
 #include "wsserver/zenk_dvbCss.h"
 

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "tests/support/failing_allocations.h"
-#include "tests/support/net_util.h"
+#include "tests/support/util.h"
 #include "wsserver/zenk_dvbCss.h"
 
 using namespace std::string_literals;

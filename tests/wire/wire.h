@@ -7,7 +7,6 @@
 
 #include "platform/ws_limits.h"
 #include "platform/zenk_websockets.h"
-#include "tests/support/sanitizer.h"
 #include "tests/support/server.h"
 
 namespace zenk_test {

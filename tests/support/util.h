@@ -2,14 +2,21 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <random>
+#include <string>
 #include <thread>
 
 #include "platform/socket.h"
 
-/// Small helpers of the tests that talk over real sockets, all of them on 127.0.0.1.
+/// Waiting, and ports of 127.0.0.1.
 namespace zenk_test {
+
+/// Under a sanitizer memory figures say nothing of the library, and everything takes longer.
+inline constexpr bool kIsSanitized = ZENK_IS_SANITIZED;
 
 using Milliseconds = std::chrono::milliseconds;
 
@@ -25,6 +32,17 @@ bool waitUntil(const Predicate& predicate, Milliseconds patience = kPatience) {
         std::this_thread::sleep_for(Milliseconds(1));
     }
     return true;
+}
+
+/// Waits until the process has so many event threads.
+inline bool waitForEventThreads(int count) {
+    const auto isOne = [](const auto& task) {
+        std::string name;
+        std::ifstream(task.path() / "comm") >> name;
+        return name == "zenk-css-event";
+    };
+    const std::filesystem::path tasks = "/proc/self/task";
+    return waitUntil([&] { return std::ranges::count_if(std::filesystem::directory_iterator(tasks), isOne) == count; });
 }
 
 /// connect() or bind() with that port, whatever signal comes meanwhile: a fuzzer's alarm does. @return whether it went
