@@ -1,10 +1,10 @@
-#include "tests/support/failing_allocations.h"
-
 #include <sys/mman.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <new>
+
+#include "tests/support/util.h"
 
 static std::atomic<pthread_t> g_thread;
 static std::atomic<long> g_left = -1;  // below 0: none fails

@@ -16,14 +16,14 @@
 namespace zenk_test {
 
 /// The library in this process, over real sockets: it serves from construction to destruction. Connections are numbered
-/// in the order of their coming, from 1 on, as the library does it with a fresh front end. As an observer it is the
-/// host: it hears of all connections outside pairing. Members of CSS servers end before it.
-class Server : public ClientObserver {
+/// in the order of their coming, from 1 on, as the library does it with a fresh front end, which this is. As an
+/// observer it is the host, too: it hears of all connections outside pairing. Members of CSS servers end before it.
+class Server : public MediaSyncServer, public ClientObserver {
 public:
     explicit Server(int servedPort = freePort()) : port(servedPort) {
-        frontEnd.enablePairing = true;
-        frontEnd.addObserver(this);
-        m_thread = std::thread([this] { startWebSocketServer(port, &frontEnd); });
+        enablePairing = true;
+        addObserver(this);
+        m_thread = std::thread([this] { startWebSocketServer(port, this); });
         waitUntil([this] { return RawClient().connect(port); });
     }
     ~Server() override { stop(); }
@@ -47,32 +47,26 @@ public:
     }
     int opened() const { return m_opened; }
 
-    struct FrontEnd : MediaSyncServer {
-        explicit FrontEnd(Server& server) : m_test(server) {}
-        int onFilterConnection() override {
-            return m_test.refusal != 0 ? m_test.refusal.load() : MediaSyncServer::onFilterConnection();
-        }
-        void onConnect() override {
-            m_test.m_connections.at(static_cast<std::size_t>(m_test.opened())) = m_wsi;
-            const zenk::ScopeExit end([this] { ++m_test.m_opened; });  // it is known, or found no memory
-            MediaSyncServer::onConnect();
-        }
-        int onClose() override {
-            std::replace(m_test.m_connections.begin(), m_test.m_connections.end(), m_wsi, static_cast<lws*>(nullptr));
-            ++m_test.closed;
-            return MediaSyncServer::onClose();
-        }
-        Server& m_test;
-    } frontEnd{*this};
-
     /// Called on the service thread with each message of a client outside pairing. To be set before they come.
     std::function<void(int client, const std::string& message)> onText = [](int, const std::string&) {};
     /// What the filter answers to every handshake, if it is not 0.
     std::atomic<int> refusal = 0;
     std::atomic<int> closed = 0;  ///< close events
     const int port;
+    MediaSyncServer& frontEnd = *this;
 
 private:
+    int onFilterConnection() override { return refusal != 0 ? refusal.load() : MediaSyncServer::onFilterConnection(); }
+    void onConnect() override {
+        m_connections.at(static_cast<std::size_t>(opened())) = m_wsi;
+        const zenk::ScopeExit end([this] { ++m_opened; });  // it is known, or found no memory
+        MediaSyncServer::onConnect();
+    }
+    int onClose() override {
+        std::replace(m_connections.begin(), m_connections.end(), m_wsi, static_cast<lws*>(nullptr));
+        ++closed;
+        return MediaSyncServer::onClose();
+    }
     void onMessage(unsigned char* message, int length, int client) override {
         onText(client, {reinterpret_cast<char*>(message), static_cast<std::size_t>(length)});
     }

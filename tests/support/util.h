@@ -12,7 +12,7 @@
 
 #include "platform/socket.h"
 
-/// Waiting, and ports of 127.0.0.1.
+/// Waiting, memory that is missing, and ports of 127.0.0.1.
 namespace zenk_test {
 
 /// Under a sanitizer memory figures say nothing of the library, and everything takes longer.
@@ -44,6 +44,12 @@ inline bool waitForEventThreads(int count) {
     const std::filesystem::path tasks = "/proc/self/task";
     return waitUntil([&] { return std::ranges::count_if(std::filesystem::directory_iterator(tasks), isOne) == count; });
 }
+
+/// Lets one allocation of one thread (by new, or a mapping) fail: the one behind the next `count` ones. One failure can
+/// be under way at a time. For programs with zenk_failing_allocations.
+void failAllocationOf(pthread_t thread, long count);
+/// Lets all allocations succeed again. @return whether one has failed
+bool stopFailing();
 
 /// connect() or bind() with that port, whatever signal comes meanwhile: a fuzzer's alarm does. @return whether it went
 /// well

@@ -10,13 +10,13 @@
 #include "wsserver/wall_clock.h"
 #include "wsserver/zenk_dvbCss.h"
 
-static auto& g_routes = *new std::string;  // the route table; empty: it cannot be opened
+static auto& g_routes = *new std::string;  // the route table
 
 extern "C" {
 std::FILE* __real_fopen(const char* path, const char* mode);
 std::FILE* __wrap_fopen(const char* path, const char* mode) {
-    if (std::string_view(path) != "/proc/net/route") return __real_fopen(path, mode);
-    return g_routes.empty() ? nullptr : fmemopen(g_routes.data(), g_routes.size(), "r");
+    const bool isRoutes = std::string_view(path) == "/proc/net/route";
+    return isRoutes ? fmemopen(g_routes.data(), g_routes.size(), "r") : __real_fopen(path, mode);
 }
 }
 
@@ -81,8 +81,6 @@ protected:
         noteLayer();
     }
     void addresses() {
-        char address[16];
-        getLocalIpAddr(address, 15);  // there is no table
         ZenkCSSEventDispatcher dispatcher;
         std::string url, port = "6677";
         ZenkCSSWCServer clock(port);

@@ -9,7 +9,6 @@
 #include <mutex>
 #include <thread>
 
-#include "tests/support/failing_allocations.h"
 #include "tests/support/front_end.h"
 #include "tests/support/util.h"
 #include "wsserver/css_client_list.h"

@@ -7,7 +7,6 @@
 #include <mutex>
 #include <thread>
 
-#include "tests/support/failing_allocations.h"
 #include "tests/support/util.h"
 #include "wsserver/zenk_dvbCss.h"
 

@@ -1,7 +1,6 @@
 // Memory that is missing costs no more than the connection that needed it.
 #include <filesystem>
 
-#include "tests/support/failing_allocations.h"
 #include "tests/wire/wire.h"
 #include "wsserver/zenk_dvbCss.h"
 
