@@ -23,9 +23,8 @@ bool zenk_test::stopFailing() {
 }
 
 void* operator new(std::size_t size) {
-    void* const block = isToFail() ? nullptr : std::malloc(size);
-    if (block == nullptr) throw std::bad_alloc();
-    return block;
+    if (void* const block = isToFail() ? nullptr : std::malloc(size)) return block;
+    throw std::bad_alloc();
 }
 void operator delete(void* block) noexcept {
     std::free(block);

@@ -17,7 +17,7 @@
 struct lws {
     int socketFd;
     std::string uri = {};
-    bool isOpen = true, isFinal = true, isBinary = false;
+    bool isOpen = true, isFinal = true;
 };
 
 namespace zenk_test {

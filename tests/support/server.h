@@ -56,6 +56,7 @@ public:
     MediaSyncServer& frontEnd = *this;
 
 private:
+    using MediaSyncServer::onMessage;  // the other one is overridden below
     int onFilterConnection() override { return refusal != 0 ? refusal.load() : MediaSyncServer::onFilterConnection(); }
     void onConnect() override {
         m_connections.at(static_cast<std::size_t>(opened())) = m_wsi;
