@@ -1,11 +1,9 @@
 """The television as companion devices see it: what they are told of each change, and what becomes of those who err."""
 import asyncio
-import contextlib
 import json
-import socket
 import unittest
 
-from host import Host, connect, hear, wait_until
+from host import Host, connect, hear
 
 PTS = "urn:dvb:css:timeline:pts"
 JUNK = ["[[[ no JSON", "{}", '{"contentIdStem":1,"timelineSelector":"x"}', b"\xff\xfe\0", "[" * 1000000]
@@ -73,17 +71,3 @@ class Television(unittest.IsolatedAsyncioTestCase):
                 self.assertEqual(host.line("event 1"), "event 1 client 1 bytes 7 cii message \\x1b[2J\\x0a\\xc3\\xa9")
                 host.say("pause")
                 self.assertEqual((await heard(good))["timelineSpeedMultiplier"], 0)
-
-    def test_quitwc_stops_the_wall_clock_for_a_second(self):
-        with Host() as host, socket.socket(type=socket.SOCK_DGRAM) as asker:
-            asker.settimeout(0.1)
-            asker.connect(("127.0.0.1", host.wc_port))
-
-            def reply():
-                with contextlib.suppress(OSError):
-                    asker.send(bytes(32))
-                    return asker.recv(32)
-            self.assertTrue(wait_until(reply))
-            asker.send(b"quitwc")
-            self.assertTrue(host.line("the wall clock was told to quit"))
-            self.assertTrue(wait_until(reply))

@@ -54,28 +54,20 @@ TEST(CssMessages, OnlyAStemOfTheContentAndAnOfferedSelectorHaveATimeline) {
     EXPECT_EQ(contentTime({"", "urn:dvb:css:timeline:temi:1:1"}), nullptr);
 }
 
-TEST(CssMessages, ReadinessIsReadOrRefused) {
-    const std::string head = R"({"earliest":{"contentTime":"1","wallClockTime":"minusinfinity"},"latest":)";
-    const std::string right = R"({"contentTime":"-1","wallClockTime":"plusinfinity"}})";
-    EXPECT_NO_THROW(css::readTsMessage(head + right, false));
-    EXPECT_THROW(css::readTsMessage(head + right, true), std::runtime_error) << "a setup comes first";
-    for (const char* wrong : {"null}", "[", R"({"contentTime":"-1","wallClockTime":"minusinfinity"}})",
-                              R"({"contentTime":1,"wallClockTime":"2"}})"})
-        EXPECT_THROW(css::readTsMessage(head + wrong, false), std::runtime_error) << wrong;
-}
-
-TEST(Services, AFileIsReadOrRefused) {
+TEST(Television, ReadinessAndServicesOfOthersAreReadOrRefused) {
     const std::string file = "television_test.services.json";
-    const auto read = [&file](const std::string& text) {
-        std::ofstream(file) << text;
+    const auto read = [&file](const std::string& services) {
+        std::ofstream(file) << services;
         return readServices(file);
     };
-    const std::string head = R"([{"name":"N","contentId":"dvb://1")";
-    const std::string right = R"(,"pts":{},"temi":[{"componentTag":255,"timelineId":0}]}])";
-    EXPECT_EQ(read(head + right).size(), readServices("").size() + 1);
-    for (const char* wrong :
-         {",\"pts\":{\"origin\":-1}}]", ",\"temi\":[{\"componentTag\":256,\"timelineId\":0}]}]", "},1]"})
-        EXPECT_THROW(read(head + wrong), std::runtime_error) << wrong;
+    const std::string readiness = R"({"earliest":{"contentTime":"1","wallClockTime":"minusinfinity"},"latest":)",
+                      service =
+                          R"([{"name":"N","contentId":"dvb://1","pts":{},"temi":[{"timelineId":0,"componentTag":)";
+    EXPECT_NO_THROW(css::readTsMessage(readiness + R"({"contentTime":"-1","wallClockTime":"plusinfinity"}})", false));
+    for (const char* wrong : {"null}", "[", R"({"contentTime":1,"wallClockTime":"2"}})"})
+        EXPECT_THROW(css::readTsMessage(readiness + wrong, false), std::runtime_error) << wrong;
+    EXPECT_EQ(read(service + "255}]}]").size(), readServices("").size() + 1);
+    for (const char* wrong : {"256}]}]", "1}]},1]"}) EXPECT_THROW(read(service + wrong), std::runtime_error) << wrong;
     std::filesystem::remove(file);
 }
 

@@ -15,11 +15,13 @@ using namespace std::string_literals;
 // What the linker's wrap gives in the place of any clock. Never destroyed: detached threads read it until the very end.
 static std::mutex g_mutex;
 static auto& g_reads = *new std::deque<timespec>;
+static clockid_t g_lastClock = -1;
 
 extern "C" {
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
     const std::lock_guard lock(g_mutex);
+    g_lastClock = clock;
     if (g_reads.empty()) return __real_clock_gettime(clock, now);
     *now = g_reads.front();
     g_reads.pop_front();
@@ -46,6 +48,16 @@ TEST(WallClock, CutsTheTimeByAUsableTick) {
         script({{5, begin}, {5 + (begin + tick) / second, (begin + tick) % second}, {1, 123'456'789}});
         clock.GetPrecision();
         EXPECT_EQ(clock.GetWallClockTime().tv_nsec, 123'456'789 / cut * cut) << "of " << tick;
+    }
+}
+
+TEST(WallClock, ReadsTheClockOfItsType) {
+    ZenkWallClock clock;
+    const clockid_t ids[] = {CLOCK_MONOTONIC, CLOCK_MONOTONIC_COARSE, CLOCK_MONOTONIC_RAW};
+    for (int type = 0; type < 3; ++type) {
+        clock.Initialize(static_cast<ZenkWallClockType>(type));
+        clock.GetWallClockTime();
+        EXPECT_EQ(g_lastClock, ids[type]);
     }
 }
 
