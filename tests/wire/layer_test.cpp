@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 /// With libwebsockets' libev loop, and with its poll loop.
 struct Layer : Wire, testing::WithParamInterface<bool> {
     void SetUp() override {
-        zenk_ws::limits().mayUseLibev = GetParam();
+        limits.mayUseLibev = GetParam();
         serve();
     }
 };
@@ -24,28 +24,21 @@ TEST_P(Layer, AnswersWhatIsNoHandshakeForItAndTellsNobody) {
     const auto with = [&](std::string_view what, std::string_view by) {
         return std::string(good).replace(good.find(what), what.size(), by);
     };
-    const struct {
-        std::string request;
-        int status;
-        int refusal = 0;  // of the host's filter
-    } cases[] = {{"GET / HTTP/1.1\r\nHost: x\r\n\r\n", 426},
-                 {"CONNECT x:1 HTTP/1.1\r\nHost: x\r\n\r\n", 405},
-                 {with("GET", "POST"), 405},
-                 {with("Host:", "Sec-WebSocket-Protocol: chat\r\nHost:"), 400},
-                 {with("Version: 13", "Version: 113"), 426},
-                 {with("Version: 13", "Version: 8 ,13 ,"), 101},
-                 {with("websocket", "  WebSocket"), 101},
-                 {good, 503, 503},
-                 {good, 403, 600}};
-    for (const auto& [request, status, refusal] : cases) {
-        SCOPED_TRACE(request);
-        server->refusal = refusal;
+    for (const auto& [request, status] : {std::pair{std::string("GET / HTTP/1.1\r\nHost: x\r\n\r\n"), 426},
+                                          {"CONNECT x:1 HTTP/1.1\r\nHost: x\r\n\r\n", 405},
+                                          {with("GET", "POST"), 405},
+                                          {with("Host:", "Sec-WebSocket-Protocol: chat\r\nHost:"), 400},
+                                          {with("Version: 13", "Version: 113"), 426},
+                                          {with("Version: 13", "Version: 8 ,13 ,"), 101},
+                                          {with("websocket", "  WebSocket"), 101},
+                                          {good, 503}}) {
+        server->refusal = status == 503 ? status : 0;
         RawClient client;
         ASSERT_TRUE(client.connect(server->port) && client.send(request));
-        EXPECT_EQ(client.receiveUntil("\r\n\r\n").substr(0, 13), "HTTP/1.1 " + std::to_string(status) + " ");
+        const std::string answer = client.receiveUntil("\r\n\r\n");
+        EXPECT_TRUE(answer.starts_with("HTTP/1.1 " + std::to_string(status) + " ")) << answer << "to " << request;
         EXPECT_TRUE(status == 101 || client.waitForEnd());
     }
-    server->stop();
     EXPECT_EQ(server->opened(), 2);
 }
 
@@ -62,10 +55,9 @@ TEST_P(Layer, KeepsTheOrderOfAHostsThreadsAndTellsItTheWholeTarget) {
     server->onText = [&](int, const std::string&) { writeEverySecond(0); };
     const std::string target = "/a&/?&b=/y?z&";  // libwebsockets gives it in pieces
     RawClient client = join(target);
-    ASSERT_NE(server->connection(1), nullptr);
-    EXPECT_STREQ(server->getUrl(1), target.c_str());
     client.sendText("go");
     writeEverySecond(1);
+    EXPECT_STREQ(server->getUrl(1), target.c_str());
     close(1, 1001);
     close(1, 1000);
     EXPECT_LT(write(1, "late"), 0);
@@ -81,8 +73,7 @@ TEST_P(Layer, LetsACrowdLeaveInPortionsAndLosesNothing) {
     for (Pair& each : pairs) ASSERT_TRUE(each.connect(server->port));
     for (RawClient& each : others) each.reset();
     for (Pair& each : pairs) {
-        each.local.sendText("last words");
-        each.local.send(clientFrame(kText, "and more"));
+        each.local.send(clientFrame(kFin | kText, "last words") + clientFrame(kText, "and more"));
         &each == &pairs.front() ? each.local.finishSending() : each.local.close();
     }
     for (Pair& each : pairs) {
@@ -90,7 +81,7 @@ TEST_P(Layer, LetsACrowdLeaveInPortionsAndLosesNothing) {
         EXPECT_EQ(each.remote.closeCode(), 1000);
     }
     pairs.clear();
-    EXPECT_TRUE(areAllGone());
+    EXPECT_TRUE(waitUntil([this] { return server->closed == server->opened(); }));
     EXPECT_TRUE(pairs.emplace_back().connect(server->port) && pairs.back().exchange());
 }
 
@@ -102,7 +93,6 @@ TEST_P(Layer, SaysGoodbyeToEverybodyAndLeavesThePort) {
     server->connection(3);
     server->stop();
     for (RawClient* const client : {&pair.local, &pair.remote, &lonely}) EXPECT_EQ(client->closeCode(), 1001);
-    EXPECT_EQ(server->closed, 3);
     const int port = server->port;
     server.emplace(port);
     EXPECT_TRUE(pair.connect(port));
@@ -120,9 +110,8 @@ TEST_P(Layer, EndsNewConnectionsBeforeTheDescriptorsRunOut) {
     const auto refused = std::ranges::find_if_not(clients, getsIn);
     ASSERT_LT(refused - clients.begin(), 15) << "none were kept back";
     EXPECT_TRUE(refused->waitForEnd());
-    clients.clear();
-    EXPECT_TRUE(areAllGone());
-    join();  // there is room again
+    clients.front().close();
+    EXPECT_TRUE(waitUntil([&] { return getsIn(*refused); })) << "there is room again";
     setrlimit(RLIMIT_NOFILE, &before);
 }
 
@@ -139,8 +128,7 @@ TEST_P(Layer, TellsEachCloseOnceWhileTheHostWritesAndClosesAtRandom) {
     std::list<std::jthread> clients;
     for (unsigned seed = 1; seed <= 6; ++seed) clients.emplace_back(live, std::minstd_rand(seed));
     for (std::minstd_rand random(7); server->opened() < 360; std::this_thread::sleep_for(200us)) {
-        const int number = std::max(1, server->opened() - static_cast<int>(random() % 10));  // may be gone by now
-        if (server->opened() < number) continue;
+        const int number = std::max(1, server->opened() - static_cast<int>(random() % 10));  // may be gone by then
         write(number, std::string(random() % 5000, 'h'), zenk_ws::kWriteBinary);
         if (random() % 50 == 0) close(number, 1000);
     }

@@ -15,52 +15,42 @@ struct NoMemory : Wire {
         server->frontEnd.addObserver(&cii);
         cii.setEnableInterDevSync(true);
     }
-    void TearDown() override { server->stop(); }
-    void answerAndClose() {
-        cii.sendMessage(const_cast<char*>("an answer of the host"), 21, -1);
-        cii.closeClientConnection(-1);
-    }
     /// What clients and a host do in a day. No step is checked: any of them may be the one that fails.
     void liveThroughADay(const std::string& endpoint) {
         RawClient local, remote, css;
         local.upgrade(server->port, "/local/hbbtv/t/" + endpoint);
-        remote.upgrade(server->port, "/remote/hbbtv/t/" + endpoint + "?a-query=longer-than-any-short-string");
         remote.upgrade(server->port, "/remote/hbbtv/t/" + endpoint);
+        css.upgrade(server->port, "/css-cii/a-token?a-query=longer-than-any-short-string");
         local.sendText("a message that is longer than a few bytes");
         remote.receiveText(kShort);
         remote.send(clientFrame(kFin | kBinary, std::string(100'000, 'x')));
         local.receiveFrame(kShort);
         local.close();
         remote.closeCode(kShort);
-        remote.close();
-        css.upgrade(server->port, "/css-cii/a-token-that-is-longer/");
         css.sendText("a message for the host");
-        answerAndClose();
+        cii.sendMessage(answer, sizeof answer - 1, -1);
+        cii.closeClientConnection(-1);
         css.closeCode(kShort);
     }
     static auto openDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-    ZenkCSSEventDispatcher dispatcher;
+    char answer[22] = "an answer of the host";
     ZenkCSSCIIServer cii;
 };
 
 // Each allocation of the service thread fails once, wherever it stands.
 TEST_F(NoMemory, OfTheServiceCostsOneConnectionAndLeavesNothingBehind) {
     liveThroughADay("warm-up");
-    ASSERT_TRUE(Pair().connect(server->port));
     const auto descriptors = openDescriptors();
-    bool hasFailed = true;
     int days = 0;
-    for (; hasFailed && days < 1000; ++days) {
-        SCOPED_TRACE(days);
+    for (bool hasFailed = true; hasFailed && days < 1000; ++days) {
         failAllocationOf(server->thread(), days);
         liveThroughADay(std::to_string(days));
         hasFailed = stopFailing();
         Pair pair;
-        ASSERT_TRUE(pair.connect(server->port, "witness" + std::to_string(days)) && pair.exchange());
+        ASSERT_TRUE(pair.connect(server->port, "witness" + std::to_string(days)) && pair.exchange()) << days;
     }
-    EXPECT_FALSE(hasFailed) << "some allocations were never reached";
-    EXPECT_GT(days, 20);
+    EXPECT_TRUE(20 < days && days < 1000) << "some allocations were never reached";
     EXPECT_TRUE(waitUntil([&] { return openDescriptors() <= descriptors && cii.getCssServerStatus() == 0; }));
 }
 
@@ -68,15 +58,15 @@ TEST_F(NoMemory, OfTheServiceCostsOneConnectionAndLeavesNothingBehind) {
 TEST_F(NoMemory, OfTheHostLeavesNoClientWaiting) {
     bool hasFailed = true;
     for (int count = 0; hasFailed; ++count) {
-        SCOPED_TRACE(count);
         ASSERT_LT(count, 100);
         RawClient css = join("/css-cii/t/");
         ASSERT_NE(server->connection(count + 1), nullptr);
         failAllocationOf(pthread_self(), count);
-        answerAndClose();
+        cii.sendMessage(answer, sizeof answer - 1, -1);
+        cii.closeClientConnection(-1);
         hasFailed = stopFailing();
-        EXPECT_TRUE(hasFailed || css.receiveText() == "an answer of the host");
-        EXPECT_TRUE(css.closeCode() == 1001 || css.waitForEnd());
+        EXPECT_TRUE(hasFailed || css.receiveText() == answer);
+        EXPECT_TRUE(css.closeCode() == 1001 || css.waitForEnd()) << count;
     }
 }
 

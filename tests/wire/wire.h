@@ -1,8 +1,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
-#include <fstream>
 #include <optional>
 
 #include "platform/ws_limits.h"
@@ -16,7 +16,7 @@ class Wire : public testing::Test {
 protected:
     ~Wire() override {
         server->stop();  // it reads the limits
-        zenk_ws::limits() = zenk_ws::Limits();
+        limits = zenk_ws::Limits();
         EXPECT_EQ(server->closed, server->opened());
     }
 
@@ -28,23 +28,16 @@ protected:
         return zenk_ws::lws_write(server->connection(number), text.data(), static_cast<int>(text.size()), type);
     }
     void close(int number, int status) { zenk_ws::lws_close(server->connection(number), status); }
-    bool areAllGone() {
-        return waitUntil([this] { return server->closed == server->opened(); });
-    }
     void hold(int number) { zenk_ws::lws_rx_flow_control(server->connection(number), 0); }
 
-    /// What has come to the memory of this process since the test began; 0 under a sanitizer.
-    long grownMiB() const { return kIsSanitized ? 0 : (residentPages() - m_pagesBefore) * sysconf(_SC_PAGESIZE) >> 20; }
-
-    std::optional<Server> server;
-
-private:
-    static long residentPages() {
-        long all = 0, resident = 0;
-        std::ifstream("/proc/self/statm") >> all >> resident;
-        return resident;
+    /// What the library and the test hold; 0 under a sanitizer.
+    static std::size_t heapMiB() {
+        const auto heap = mallinfo2();
+        return (heap.uordblks + heap.hblkhd) / zenk_ws::kMiB;
     }
-    const long m_pagesBefore = residentPages();
+
+    zenk_ws::Limits& limits = zenk_ws::limits();
+    std::optional<Server> server;
 };
 
 }  // namespace zenk_test
