@@ -94,7 +94,7 @@ TEST_F(Log, TableFollowsItsModelInRandomSequencesWhileItIsRead) {
         std::string list, report;
         const int level = std::array{0, 0, 0, 1, 2, 255, -1}[random() % 7];
         for (std::size_t left = random() % 12; left > 0; --left) {
-            const std::string name(std::array{0, 1, 2, 3, 31, 32, 33}[random() % 7], "ABCDG"[random() % 5]);
+            const std::string name(std::array{0u, 1u, 2u, 3u, 31u, 32u, 33u}[random() % 7], "ABCDG"[random() % 5]);
             list += name + "|";
             if (level == 0) {
                 model.erase(name);
