@@ -53,7 +53,6 @@ public:
     std::atomic<int> refusal = 0;
     std::atomic<int> closed = 0;  ///< close events
     const int port;
-    MediaSyncServer& frontEnd = *this;
 
 private:
     using MediaSyncServer::onMessage;  // the other one is overridden below

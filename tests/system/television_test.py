@@ -5,12 +5,11 @@ import unittest
 
 from host import Host, connect, hear
 
-PTS = "urn:dvb:css:timeline:pts"
 JUNK = ["[[[ no JSON", "{}", '{"contentIdStem":1,"timelineSelector":"x"}', b"\xff\xfe\0", "[" * 1000000]
 
 
 def setup(stem=""):
-    return json.dumps({"contentIdStem": stem, "timelineSelector": PTS})
+    return json.dumps({"contentIdStem": stem, "timelineSelector": "urn:dvb:css:timeline:pts"})
 
 
 async def heard(client):
@@ -31,8 +30,7 @@ class Television(unittest.IsolatedAsyncioTestCase):
                 await pts.send(setup("dvb://233a."))
                 await zapped.send(setup("dvb://233a.1004.1080"))
                 greeting, last = await heard(cii), await heard(pts)
-                self.assertEqual(greeting["tsUrl"], host.urls["css-ts"])
-                self.assertEqual(greeting["wcUrl"], host.urls["css-wc"])
+                self.assertEqual((greeting["tsUrl"], greeting["wcUrl"]), (host.urls["css-ts"], host.urls["css-wc"]))
                 self.assertIsNone((await heard(zapped))["contentTime"])
                 for command, speed, jump in [("pause", 0, 0), ("seek +10", 0, 10), ("play", 1, 0), ("speed 2", 2, 0),
                                              ("seek -5", 2, -5), ("blackout", None, 0), ("blackout", 2, 0)]:
@@ -67,6 +65,9 @@ class Television(unittest.IsolatedAsyncioTestCase):
                             self.assertEqual([message async for message in client], [])
                             self.assertEqual(client.close_code, 1001)
                         self.assertIn("is sent away: its message ", host.line("ts client"))
+                point = {"contentTime": "1", "wallClockTime": "plusinfinity"}
+                await good.send(json.dumps({"latest": point, "earliest": {**point, "wallClockTime": "2"}}))
+                self.assertIn("earliest 1 at 2, latest 1 at plusinfinity", host.line("ts client 2 can play"))
                 await cii.send("\x1b[2J\n\u00e9")
                 self.assertEqual(host.line("event 1"), "event 1 client 1 bytes 7 cii message \\x1b[2J\\x0a\\xc3\\xa9")
                 host.say("pause")

@@ -54,9 +54,6 @@ TEST_F(Log, ShapesEachLineByTypeLevelAndWhatIsMissing) {
     }
     zenk_log("FULL", "d/f", "g", 7, "%d %s", 1, std::string(3000, 'x').c_str());
     EXPECT_EQ(take(), info + "1 " + std::string(2045, 'x'));
-    insert_modules_list((std::string(33, 'x') + "|A|B|C|D|E|F|G|H|I|J|K|L|M|N|O|P|Q|R|S|T|U").c_str(), 1);
-    EXPECT_EQ(take(), "module:" + std::string(33, 'x') + " set error, length is 33, out of max length:32\n" +
-                          "module:T set error, module_list map has number:20\n");
 }
 
 // Within the second of the line before, most likely: threads keep their prefix for a second.
@@ -113,7 +110,9 @@ TEST_F(Log, TableFollowsItsModelInRandomSequencesWhileItIsRead) {
     }
     readers.clear();
     EXPECT_EQ(wrongLevels, 0);
-    const std::regex whole("\033\\[31mtime=[^\n]+ line: 7\n\033\\[0m|module:\\w+ set error, [^\n]+\n");
+    const std::regex whole(
+        "\033\\[31mtime=[^\n]+ line: 7\n\033\\[0m|module:\\w+ set error, (length is 33, out of max "
+        "length:32|module_list map has number:20)\n");
     EXPECT_EQ(std::regex_replace(take(), whole, ""), "");
     clear_modules_list();
     EXPECT_EQ(zenk_log_getLevel("FULL"), 1);

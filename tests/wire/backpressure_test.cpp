@@ -133,7 +133,7 @@ TEST_F(Backpressure, OfABlockedHostNeitherStopsTheNetworkNorFillsMemory) {
     ZenkCSSCIIServer css;
     css.registerCIIEventCallback(onEvent, &css);
     css.setEnableInterDevSync(true);
-    server->frontEnd.addObserver(&css);
+    server->addObserver(&css);
     RawClient client = join("/css-cii/t/");
     const int sent = flood(client);
     EXPECT_LT(sent, kMany);

@@ -12,7 +12,7 @@ constexpr Milliseconds kShort{100};  // what a failed allocation has lost does n
 struct NoMemory : Wire {
     void SetUp() override {
         serve();
-        server->frontEnd.addObserver(&cii);
+        server->addObserver(&cii);
         cii.setEnableInterDevSync(true);
     }
     /// What clients and a host do in a day. No step is checked: any of them may be the one that fails.
