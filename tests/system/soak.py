@@ -34,6 +34,7 @@ class Run:
     def __init__(self):
         # What it prints later would take our memory.
         self.host = Host(prefix=["bash", "-c", self.command + " > >(sed /^ready/q)", "bash"])
+        time.sleep(1)  # its threads begin a moment behind its word
         self.before, self.memory, self.counts = self.left(), [], collections.Counter(faults=0)
         self.trips = multiprocessing.SimpleQueue()
         # A process of its own, since that of the other clients is busy with them.
