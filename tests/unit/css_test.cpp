@@ -130,7 +130,7 @@ TEST_F(EventQueue, HoldsClientsUntilTheirEventsAreTakenOrDropped) {
     g_dispatcher->stopEventThread();
     ASSERT_TRUE(waitForEventThreads(0));
     m_then = [taken = 0](unsigned) mutable { ++taken < 60 ? void() : g_dispatcher->stopEventThread(); };
-    g_onHold = [&] { g_dispatcher->startEventThread(), take(60); };
+    g_onHold = [&] { g_dispatcher->startEventThread(), take(60), waitForEventThreads(0); };
     for (int client = 1; client <= 68; ++client) {
         connect("/x");
         queue(4, m_ts.get(), client, 1'000'000);
