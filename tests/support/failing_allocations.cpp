@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "tests/support/util.h"
+#include "tests/support/environment.h"
 
 static std::atomic<pthread_t> g_thread;
 static std::atomic<long> g_left = -1;  // below 0: none fails

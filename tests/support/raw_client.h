@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "tests/support/util.h"
+#include "tests/support/environment.h"
 
 namespace zenk_test {
 

@@ -65,6 +65,13 @@ async def pair(host, name, **options):
         yield tv, phone
 
 
+async def exchange(sides):
+    """A message each way, the second when the first has come."""
+    for sender, receiver in sides, sides[::-1]:
+        await sender.send("hello")
+        assert await hear(receiver) == "hello", "a message is lost or altered"
+
+
 class Program(subprocess.Popen):
     """A running program. Its output is read all the time, so it never waits for us. Use with `with`."""
 

@@ -11,15 +11,7 @@ import unittest
 
 import websockets
 
-from host import PATIENCE, Host, connect, hear, pair, wait_until
-
-
-async def exchange(sides):
-    """A message each way."""
-    for side in sides:
-        await side.send("hello")
-    for side in sides:
-        assert await hear(side) == "hello", "a message is lost or altered"
+from host import PATIENCE, Host, connect, exchange, pair, wait_until
 
 
 class Receiver(unittest.IsolatedAsyncioTestCase):

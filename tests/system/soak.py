@@ -18,7 +18,7 @@ import struct
 import sys
 import time
 
-from host import PATIENCE, Host, connect, hear, pair, wait_until
+from host import PATIENCE, Host, connect, exchange, hear, pair, wait_until
 
 # Bounds of the verdict. The event queue may hold 64 MiB, and the C library keeps what it has once had.
 MAX_GROWTH_MIB, MAX_DRIFT_MIB = 160, 8
@@ -85,9 +85,7 @@ class Run:
         async with pair(self.host, "measured") as sides:
             while True:
                 started = time.monotonic()
-                for sender, receiver in sides, sides[::-1]:
-                    await sender.send("there")
-                    await hear(receiver)
+                await exchange(sides)
                 self.trips.put(time.monotonic() - started)
                 await asyncio.sleep(0.02)
 

@@ -37,7 +37,10 @@ class LogControl(unittest.IsolatedAsyncioTestCase):
                 self.assertRegex(watch.line(), r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d  ")
             self.assertEqual(logctl("set", "1", "PLUGIN", "b"), (0, "PLUGIN\nb\n"))
             async with connect(host.at("css-ts")):  # the line of this event flushes the output
-                self.assertRegex(host.line("time="), r"logtype=info File: \S+ Function: \w+\(\) Enter!$")
+                line = host.line("time=")
+                moment = time.localtime(int(line.partition("timestamp=")[2].partition(",")[0]))
+                self.assertTrue(line.startswith(time.strftime("time=%-d/%-m/%Y %-H:%-M:%-S,", moment)), line)
+                self.assertRegex(line, r"logtype=info File: \S+ Function: \w+\(\) Enter!$")
             self.assertEqual(logctl("remove", "PLUGIN", "none"), (0, "b\n"))
             self.assertEqual(logctl("set", "1", *map(str, range(19)))[0], 0)
             self.assertEqual(logctl("set", "1", "PLUGIN")[0], 5)  # twenty have room

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <thread>
 
+#include "tests/support/environment.h"
 #include "tests/support/front_end.h"
-#include "tests/support/util.h"
 #include "wsserver/css_client_list.h"
 #include "wsserver/zenk_dvbCss.h"
 

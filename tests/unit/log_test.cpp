@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "log/zenk_log.h"
-#include "tests/support/util.h"
+#include "tests/support/environment.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <thread>
 
-#include "tests/support/util.h"
+#include "tests/support/environment.h"
 #include "wsserver/zenk_dvbCss.h"
 
 using namespace std::string_literals;

@@ -12,7 +12,7 @@
 
 #include "platform/socket.h"
 
-/// Waiting, memory that is missing, and ports of 127.0.0.1.
+/// What a test has around it: time, threads, memory, and the ports of 127.0.0.1.
 namespace zenk_test {
 
 /// Under a sanitizer memory figures say nothing of the library, and everything takes longer.
